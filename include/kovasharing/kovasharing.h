@@ -1,0 +1,14 @@
+// Umbrella header: everything the library exports.
+#ifndef KOVASHARING_KOVASHARING_H
+#define KOVASHARING_KOVASHARING_H
+
+#include "base_db.h"
+#include "condition.h"
+#include "constants.h"
+#include "export.h"
+#include "object.h"
+#include "object_db.h"
+#include "result.h"
+#include "sharing_db.h"
+
+#endif

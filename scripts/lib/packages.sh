@@ -1,0 +1,18 @@
+# Installs the Debian packages named in the arguments that are not installed yet (as root).
+ensure_packages() {
+  local missing=() p
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing packages: ${missing[*]} (run as root to install them)" >&2
+    return 1
+  fi
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}"
+}
+
+BUILD_PACKAGES=(build-essential cmake pkg-config libsqlite3-dev libjsoncpp-dev libssl-dev
+  libgcrypt20-dev libpam0g-dev)
+TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper)
