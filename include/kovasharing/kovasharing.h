@@ -10,5 +10,6 @@
 #include "object_db.h"
 #include "result.h"
 #include "sharing_db.h"
+#include "utils.h"
 
 #endif
