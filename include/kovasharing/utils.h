@@ -48,8 +48,9 @@ KOVA_EXPORT bool UIDToUser(unsigned int const& uid, std::string& name);
 KOVA_EXPORT bool GroupToGID(std::string const& group, unsigned int& gid);
 KOVA_EXPORT bool GIDToGroup(unsigned int const& gid, std::string& name);
 
-// The URL tool's type numbers.
-enum _tag_SHARING_URL_TYPE {
+// The URL tool's type numbers. Any number the tool prints is kept, known or not, hence the
+// fixed underlying type.
+enum _tag_SHARING_URL_TYPE : int {
   SHARING_URL_TYPE_UNKNOWN = 0,
   SHARING_URL_TYPE_LAN = 1,
   SHARING_URL_TYPE_WAN = 2,

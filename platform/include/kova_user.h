@@ -33,9 +33,11 @@ typedef struct KLIBCSzHash {
   KLIBCSzHashEntry* entries; /* `count` entries */
 } KLIBCSzHash;
 
-/* Writes the canonical login name of `name` into `out` when it differs from a known user's
- * name only by letter case: returns 1. Returns 0 when there is nothing to convert, a
- * negative value on a lookup error. */
+/* Writes the canonical login name of `name` into `out` when it differs from exactly one known
+ * user's name only by letter case: returns 1. Returns 0 when there is nothing to convert (an
+ * exact login name, no such user, or several users that differ only by case), a negative
+ * value on a lookup error or when `out` is too small (`out` is then left alone). `flags` is
+ * reserved (0). */
 KOVA_PLATFORM_EXPORT int KOVAUserLoginNameConvert(const char* name, char* out, size_t size,
                                                   int flags);
 /* 0 and a new record on success, -1 when there is no such user, another negative value on a
@@ -47,8 +49,10 @@ KOVA_PLATFORM_EXPORT void KOVAUserFree(KOVAUSER* user);
 KOVA_PLATFORM_EXPORT int KOVAGroupGetGID(const char* name, unsigned int* gid);
 KOVA_PLATFORM_EXPORT int KOVAGroupGetByGID(unsigned int gid, KOVAGROUP** group);
 KOVA_PLATFORM_EXPORT void KOVAGroupFree(KOVAGROUP* group);
-/* Every group of `user`, its primary group included, one entry per group named by the group
- * name. NULL on failure. */
+/* Every group of `user` (its primary group first, and only when `with_primary` is nonzero),
+ * one entry per group id: the name is the group name, or NULL when the group database has no
+ * record for that id; the value is the id in decimal. NULL on failure or when there is no such
+ * user. `flags` is reserved (0). */
 KOVA_PLATFORM_EXPORT KLIBCSzHash* KLIBGroupInfoHashGet(const char* user, int with_primary,
                                                        int flags);
 KOVA_PLATFORM_EXPORT void KLIBCSzHashFree(KLIBCSzHash* hash);

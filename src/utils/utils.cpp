@@ -1,0 +1,124 @@
+// Password digests, the probability draw of the purges, string splitting and the text form of
+// field values.
+#include "kovasharing/utils.h"
+
+#include <gcrypt.h>
+#include <openssl/md5.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "kova_random.h"
+
+namespace KOVA {
+namespace sharing {
+
+bool Sha1WithSaltHashPassword(std::string const& password, std::string const& salt,
+                              std::string& out) {
+  std::string const input = password + salt;
+  // Repeated on every call: the library may be the first libgcrypt user of the process.
+  gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
+  gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+  unsigned int const len = gcry_md_get_algo_dlen(GCRY_MD_SHA1);
+  char* text = static_cast<char*>(malloc(len * 2 + 1));
+  if (text == nullptr) return false;
+  unsigned char digest[64];
+  gcry_md_hash_buffer(GCRY_MD_SHA1, digest, input.data(), input.size());
+  for (unsigned int i = 0; i < len; ++i) {
+    snprintf(text + i * 2, 3, "%02x", digest[i]);
+  }
+  text[len * 2] = '\0';
+  out = text;
+  free(text);
+  return true;
+}
+
+bool MD5HashPassword(std::string const& password, std::string& out) {
+  if (password.empty()) return false;
+  unsigned char digest[MD5_DIGEST_LENGTH];
+  MD5_CTX ctx;
+  // Stored digests are plain MD5 of these exact calls; the warnings about the old interface
+  // are silenced here and nowhere else.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  if (MD5_Init(&ctx) < 1) return false;
+  if (MD5_Update(&ctx, password.data(), password.size()) < 1) return false;
+  if (MD5_Final(digest, &ctx) < 1) return false;
+#pragma GCC diagnostic pop
+  char text[33] = {};
+  for (int i = 0; i < MD5_DIGEST_LENGTH; ++i) {
+    snprintf(text + i * 2, 3, "%02x", digest[i]);
+  }
+  out = text;
+  return true;
+}
+
+bool IsProbabilityHit(float probability) {
+  static KOVA::RANDOM::KOVARandom generator;
+  int const r = generator.random(0, 99);
+  // Whole percent, truncated toward zero: below 0.01 never hits. Values far outside [0, 1]
+  // are clamped first, since they would not fit the integer.
+  float const scaled = probability * 100.0f;
+  int limit;
+  if (!(scaled > -1.0f)) {
+    limit = 0;  // negative or not a number
+  } else if (scaled >= 1000.0f) {
+    limit = 1000;
+  } else {
+    limit = static_cast<int>(scaled);
+  }
+  return r < limit;
+}
+
+bool StringExplode(std::vector<std::string>& out, std::string const& text, char const* delimiter) {
+  if (delimiter == nullptr) return false;
+  std::size_t const dlen = strlen(delimiter);
+  // An empty delimiter would be found at the same place forever.
+  if (dlen == 0) return false;
+  out.clear();
+  std::size_t start = 0;
+  for (;;) {
+    std::size_t const pos = text.find(delimiter, start, dlen);
+    if (pos == std::string::npos) break;
+    if (pos > start) out.push_back(text.substr(start, pos - start));
+    start = pos + dlen;
+  }
+  if (start < text.size()) out.push_back(text.substr(start));
+  return true;
+}
+
+template <>
+std::string ToString<std::string>(std::string& value) {
+  return value;
+}
+
+template <>
+std::string ToString<bool>(bool& value) {
+  return value ? "1" : "0";
+}
+
+template <>
+std::string ToString<bool const>(bool const& value) {
+  std::ostringstream s;
+  s << value;
+  return s.str();
+}
+
+template <>
+std::string ToString<int const>(int const& value) {
+  std::ostringstream s;
+  s << value;
+  return s.str();
+}
+
+template <>
+std::string ToString<long const>(long const& value) {
+  std::ostringstream s;
+  s << value;
+  return s.str();
+}
+
+}  // namespace sharing
+}  // namespace KOVA
