@@ -15,7 +15,9 @@ test -e "$work/stage/lib/libkovaplatform.so.1"
 cmake -S "$project" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 
-PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" \
+# A staged prefix is not in the linker's search path for the platform library that
+# libkovasharing needs; an installed one is.
+PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" LD_LIBRARY_PATH="$work/stage/lib" \
   c++ -std=c++17 -Wall -Wextra -o "$work/pc-consumer" "$project/main.cpp" \
   $(PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" pkg-config --cflags --libs kovasharing)
 
