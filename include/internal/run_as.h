@@ -1,0 +1,39 @@
+// The privilege guard: switches the process's effective user and group ids for the length of
+// a scope and restores them when the scope is left, whatever happened inside.
+#ifndef KOVASHARING_INTERNAL_RUN_AS_H
+#define KOVASHARING_INTERNAL_RUN_AS_H
+
+#include <stdint.h>
+
+namespace KOVA {
+namespace sharing {
+
+class RunAsScope {
+ public:
+  // `file` is the source file (__FILE__); only its base name is logged.
+  RunAsScope(uint32_t uid, uint32_t gid, char const* file, int line, char const* name);
+  ~RunAsScope();
+  RunAsScope(RunAsScope const&) = delete;
+  RunAsScope& operator=(RunAsScope const&) = delete;
+
+  // True when the process now runs as the requested ids.
+  bool IsSwitched() const { return switched_; }
+
+ private:
+  uint32_t saved_uid_;
+  uint32_t saved_gid_;
+  char const* file_;
+  int line_;
+  char const* name_;
+  bool switched_;
+};
+
+}  // namespace sharing
+}  // namespace KOVA
+
+// Declares the guard `run_as_scope` in the current scope; the caller tests
+// `run_as_scope.IsSwitched()` and gives up when it is false. One guard per block.
+#define IF_RUN_AS(uid, gid) \
+  ::KOVA::sharing::RunAsScope run_as_scope((uid), (gid), __FILE__, __LINE__, "IF_RUN_AS")
+
+#endif

@@ -1,0 +1,100 @@
+#include "kovasharing/object_db.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace KOVA {
+namespace sharing {
+namespace db {
+
+namespace {
+char const kSource[] = "object_db";
+}
+
+ObjectDB::ObjectDB(BaseDB& db, char const* table)
+    : db_(db), table_(table), flag_(1), condition_(new Condition(db)) {}
+
+ObjectDB::~ObjectDB() {
+  // Fold the write-ahead log into the main file each time a store goes away.
+  db_.ExecuteWALCheckPoint();
+  delete condition_;
+}
+
+bool ObjectDB::Create(record::Object& obj) {
+  if (!obj.IsLegal()) {
+    syslog(LOG_ERR, "%s:%d (%u) obj invalid\n", kSource, __LINE__, static_cast<unsigned>(getpid()));
+    return false;
+  }
+  if (!db_.Insert(table_, obj.GetFieldList())) {
+    syslog(LOG_ERR, "%s:%d (%u) insert failed\n", kSource, __LINE__,
+           static_cast<unsigned>(getpid()));
+    return false;
+  }
+  int id = 0;
+  if (!db_.GetLastInsertId(id)) {
+    return false;
+  }
+  obj.set_id(id);
+  return true;
+}
+
+bool ObjectDB::Update(record::Object const& obj) {
+  if (!obj.IsLegal()) {
+    syslog(LOG_ERR, "%s:%d (%u) obj invalid\n", kSource, __LINE__, static_cast<unsigned>(getpid()));
+    return false;
+  }
+  bool const ok = db_.Update(table_, obj.GetFieldMap(), obj.get_id());
+  if (!ok) {
+    syslog(LOG_ERR, "%s:%d (%u) update failed\n", kSource, __LINE__,
+           static_cast<unsigned>(getpid()));
+  }
+  return ok;
+}
+
+bool ObjectDB::Delete(int id) {
+  bool const ok = db_.Delete(table_, id);
+  if (!ok) {
+    syslog(LOG_ERR, "%s:%d (%u) delete failed\n", kSource, __LINE__,
+           static_cast<unsigned>(getpid()));
+  }
+  return ok;
+}
+
+bool ObjectDB::Delete(record::Object const& obj) { return Delete(obj.get_id()); }
+
+bool ObjectDB::GetById(int id, record::Object& obj) const {
+  Result result;
+  if (!db_.Execute(std::string("SELECT * FROM ") + table_ + " WHERE id = " + std::to_string(id),
+                   result) ||
+      !result.IsGood()) {
+    return false;
+  }
+  Row row;
+  if (!result.NextRow(row)) {
+    return false;
+  }
+  return obj.FromRow(row);
+}
+
+bool ObjectDB::Count(int& count) const {
+  std::string sql = std::string("SELECT COUNT(*) AS c FROM ") + table_;
+  bool const narrowed = !condition_->IsEmpty();
+  if (narrowed) sql += condition_->GetSQL();
+  Result result;
+  bool ok = db_.Execute(sql, result) && result.IsGood();
+  if (ok) {
+    Row row;
+    ok = result.NextRow(row);
+    if (ok) count = row.GetField("c").AsInt(0);
+  }
+  if (narrowed) condition_->Clear();
+  return ok;
+}
+
+Condition& ObjectDB::GetCondition() const { return *condition_; }
+
+}  // namespace db
+}  // namespace sharing
+}  // namespace KOVA
