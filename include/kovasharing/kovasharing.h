@@ -5,11 +5,17 @@
 #include "base_db.h"
 #include "condition.h"
 #include "constants.h"
+#include "entry.h"
+#include "entry_db.h"
 #include "export.h"
 #include "object.h"
 #include "object_db.h"
 #include "result.h"
+#include "session.h"
+#include "session_db.h"
 #include "sharing_db.h"
+#include "token.h"
+#include "token_db.h"
 #include "utils.h"
 
 #endif
