@@ -14,6 +14,7 @@
 #include "session.h"
 #include "session_db.h"
 #include "sharing_db.h"
+#include "sharinglogin.h"
 #include "token.h"
 #include "token_db.h"
 #include "utils.h"

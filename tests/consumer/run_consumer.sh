@@ -21,10 +21,15 @@ PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" LD_LIBRARY_PATH="$work/stage/lib" \
   c++ -std=c++17 -Wall -Wextra -o "$work/pc-consumer" "$project/main.cpp" \
   $(PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" pkg-config --cflags --libs kovasharing)
 
+# The plain visitor API from C: its header must compile as C11.
+LD_LIBRARY_PATH="$work/stage/lib" \
+  cc -std=c11 -Wall -Wextra -pedantic -Werror -o "$work/c-consumer" "$project/main_c.c" \
+  $(PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" pkg-config --cflags --libs kovasharing)
+
 data=$(mktemp -d /tmp/kova-consumer.XXXXXX)
 trap 'rm -rf "$data"' EXIT
 [ "$(id -u)" -eq 0 ] && chown 1:1 "$data"
-for prog in "$work/cmake-build/consumer" "$work/pc-consumer"; do
+for prog in "$work/cmake-build/consumer" "$work/pc-consumer" "$work/c-consumer"; do
   out=$(LD_PRELOAD="$preload" LD_LIBRARY_PATH="$work/stage/lib" "$prog" "$data/$(basename "$prog").db")
   echo "$out"
   grep -q "^consumer ok" <<<"$out"

@@ -1,0 +1,245 @@
+// Failed-login blocking: one row per failed login in a small SQLite file that every process of
+// the appliance shares, written as the system account like the other private state files.
+// Each call opens, works and closes, so nothing survives a fork half-used.
+#include "kova_autoblock.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sqlite3.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "kova_paths.h"
+
+namespace {
+
+char const kSource[] = "kova_autoblock";
+uid_t const kSystemUid = 1;
+gid_t const kSystemGid = 1;
+int const kBusyTimeoutMs = 5000;
+
+// Runs the enclosed work as the system account when the caller may switch to it, and gives
+// the caller its identity back on leaving. A caller that cannot switch works as itself.
+class SystemIdentity {
+ public:
+  SystemIdentity() : euid_(geteuid()), egid_(getegid()) {
+    if (euid_ == kSystemUid && egid_ == kSystemGid) return;
+    if (setresgid(-1, kSystemGid, -1) != 0) return;
+    if (setresuid(-1, kSystemUid, -1) != 0) {
+      if (setresgid(-1, egid_, -1) != 0) {
+        syslog(LOG_ERR, "%s:%d (%u) cannot restore gid %u, err=%m", kSource, __LINE__,
+               (unsigned)getpid(), (unsigned)egid_);
+      }
+      return;
+    }
+    switched_ = true;
+  }
+  ~SystemIdentity() {
+    if (!switched_) return;
+    if (setresuid(-1, euid_, -1) != 0 || setresgid(-1, egid_, -1) != 0) {
+      syslog(LOG_ERR, "%s:%d (%u) cannot restore identity %u:%u, err=%m", kSource, __LINE__,
+             (unsigned)getpid(), (unsigned)euid_, (unsigned)egid_);
+    }
+  }
+  SystemIdentity(SystemIdentity const&) = delete;
+  SystemIdentity& operator=(SystemIdentity const&) = delete;
+
+ private:
+  uid_t euid_;
+  gid_t egid_;
+  bool switched_ = false;
+};
+
+// The address as counted: IPv4 as itself (also when written IPv4-mapped), IPv6 as its /64
+// prefix, since one host usually holds a whole /64 and could rotate through it. Empty when
+// `ip` is not an address.
+std::string AddressKey(char const* ip) {
+  if (ip == nullptr || strnlen(ip, INET6_ADDRSTRLEN) >= INET6_ADDRSTRLEN) return std::string();
+  unsigned char raw[sizeof(struct in6_addr)];
+  char text[INET6_ADDRSTRLEN];
+  if (inet_pton(AF_INET, ip, raw) == 1) {
+    if (inet_ntop(AF_INET, raw, text, sizeof text) == nullptr) return std::string();
+    return text;
+  }
+  if (inet_pton(AF_INET6, ip, raw) != 1) return std::string();
+  static unsigned char const kMapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+  if (memcmp(raw, kMapped, sizeof kMapped) == 0) {
+    if (inet_ntop(AF_INET, raw + 12, text, sizeof text) == nullptr) return std::string();
+    return text;
+  }
+  memset(raw + 8, 0, 8);
+  if (inet_ntop(AF_INET6, raw, text, sizeof text) == nullptr) return std::string();
+  return std::string(text) + "/64";
+}
+
+// mkdir -p of the directories above the store, then the store's own directory for the system
+// account only.
+bool MakeDirectory() {
+  std::string const file = KOVA_AUTOBLOCK_DB_FILE;
+  std::string const dir = file.substr(0, file.rfind('/'));
+  struct stat st;
+  if (stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+  for (size_t pos = 1; (pos = dir.find('/', pos)) != std::string::npos; ++pos) {
+    std::string const parent = dir.substr(0, pos);
+    if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) return false;
+  }
+  if (mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST) return false;
+  if (geteuid() == 0 && chown(dir.c_str(), kSystemUid, kSystemGid) != 0) return false;
+  return chmod(dir.c_str(), 0770) == 0 || geteuid() != 0;
+}
+
+bool Exec(sqlite3* db, char const* sql) {
+  char* error = nullptr;
+  if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+    syslog(LOG_ERR, "%s:%d (%u) %s failed: %s", kSource, __LINE__, (unsigned)getpid(), sql,
+           error ? error : "");
+    sqlite3_free(error);
+    return false;
+  }
+  return true;
+}
+
+// Opens (and on first use creates) the store; the caller holds the system identity.
+sqlite3* Open() {
+  char const* path = KOVA_AUTOBLOCK_DB_FILE;
+  int const fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
+  if (fd < 0) {
+    syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
+           path);
+    return nullptr;
+  }
+  // The umask must not narrow the mode; SQLite gives its -wal and -shm files the same.
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size == 0 && (st.st_mode & 0777) != 0660) {
+    if (fchmod(fd, 0660) != 0) {
+      syslog(LOG_ERR, "%s:%d (%u) chmod %s failed, err=%m", kSource, __LINE__, (unsigned)getpid(),
+             path);
+    }
+  }
+  close(fd);
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) !=
+      SQLITE_OK) {
+    syslog(LOG_ERR, "%s:%d (%u) sqlite3_open %s failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           path, db ? sqlite3_errmsg(db) : "no memory");
+    sqlite3_close(db);
+    return nullptr;
+  }
+  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  if (!Exec(db,
+            "PRAGMA journal_mode = WAL;"
+            "CREATE TABLE IF NOT EXISTS fail_login ("
+            " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+            " addr TEXT NOT NULL,"
+            " service TEXT NOT NULL,"
+            " time INTEGER NOT NULL);"
+            "CREATE INDEX IF NOT EXISTS fail_login_addr ON fail_login (addr, time);")) {
+    sqlite3_close(db);
+    return nullptr;
+  }
+  return db;
+}
+
+// Runs one statement with text and number parameters bound in order; for a query, the first
+// column of the first row goes to *count.
+bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
+         sqlite3_int64 number, long long* count) {
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
+    syslog(LOG_ERR, "%s:%d (%u) prepare failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           sqlite3_errmsg(db));
+    return false;
+  }
+  int index = 1;
+  for (int i = 0; i < text_count; ++i, ++index) {
+    sqlite3_bind_text(stmt, index, texts[i].c_str(), static_cast<int>(texts[i].size()),
+                      SQLITE_TRANSIENT);
+  }
+  if (index <= sqlite3_bind_parameter_count(stmt)) sqlite3_bind_int64(stmt, index, number);
+  int rc = sqlite3_step(stmt);
+  bool ok = rc == SQLITE_DONE || rc == SQLITE_ROW;
+  if (ok && count != nullptr) *count = rc == SQLITE_ROW ? sqlite3_column_int64(stmt, 0) : 0;
+  if (!ok) {
+    syslog(LOG_ERR, "%s:%d (%u) statement failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           sqlite3_errmsg(db));
+  }
+  sqlite3_finalize(stmt);
+  return ok;
+}
+
+}  // namespace
+
+extern "C" {
+
+int KovaCgiIsDeniedIP(const char* ip) {
+  std::string const key = AddressKey(ip);
+  if (key.empty()) return 0;
+  bool const have_dir = MakeDirectory();
+  SystemIdentity as_system;
+  sqlite3* db = have_dir ? Open() : nullptr;
+  if (db == nullptr) {
+    syslog(LOG_ERR, "%s:%d (%u) failed-login store unavailable, %s let through", kSource, __LINE__,
+           (unsigned)getpid(), key.c_str());
+    return 0;
+  }
+  long long count = 0;
+  bool const ok =
+      Run(db, "SELECT COUNT(*) FROM fail_login WHERE addr = ?1 AND time > ?2", &key, 1,
+          static_cast<sqlite3_int64>(time(nullptr)) - KOVA_AUTOBLOCK_WINDOW_SECONDS, &count);
+  sqlite3_close(db);
+  if (!ok) {
+    syslog(LOG_ERR, "%s:%d (%u) failed-login store unreadable, %s let through", kSource, __LINE__,
+           (unsigned)getpid(), key.c_str());
+    return 0;
+  }
+  return count >= KOVA_AUTOBLOCK_MAX_FAILURES ? 1 : 0;
+}
+
+int AutoBlockFailLoginSet(const char* ip, const char* service) {
+  std::string const texts[2] = {AddressKey(ip), service != nullptr ? service : ""};
+  if (texts[0].empty()) return -1;
+  if (!MakeDirectory()) {
+    syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
+           (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
+    return -1;
+  }
+  SystemIdentity as_system;
+  sqlite3* db = Open();
+  if (db == nullptr) return -1;
+  sqlite3_int64 const now = time(nullptr);
+  // Rows that left the window count for nothing; dropping them here keeps the file small.
+  bool ok = Exec(db, "BEGIN IMMEDIATE") &&
+            Run(db, "INSERT INTO fail_login (addr, service, time) VALUES (?1, ?2, ?3)", texts, 2,
+                now, nullptr) &&
+            Run(db, "DELETE FROM fail_login WHERE time <= ?1", nullptr, 0,
+                now - KOVA_AUTOBLOCK_WINDOW_SECONDS, nullptr) &&
+            Exec(db, "COMMIT");
+  if (!ok && sqlite3_get_autocommit(db) == 0) Exec(db, "ROLLBACK");
+  sqlite3_close(db);
+  return ok ? 0 : -1;
+}
+
+int KOVAAutoBlockFailLoginReset(const char* ip) {
+  std::string const key = AddressKey(ip);
+  if (key.empty()) return -1;
+  if (!MakeDirectory()) {
+    syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
+           (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
+    return -1;
+  }
+  SystemIdentity as_system;
+  sqlite3* db = Open();
+  if (db == nullptr) return -1;
+  bool const ok = Run(db, "DELETE FROM fail_login WHERE addr = ?1", &key, 1, 0, nullptr);
+  sqlite3_close(db);
+  return ok ? 0 : -1;
+}
+
+}  // extern "C"

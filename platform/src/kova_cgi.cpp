@@ -1,0 +1,466 @@
+// Web request library over CGI/1.1. Everything a visitor sends is hostile until parsed:
+// lengths are checked before reading, decoding never looks past the text, and nothing the
+// visitor typed as a password reaches the log.
+#include "kova_cgi.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/in.h>
+#include <security/pam_appl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+char const kSource[] = "kova_cgi";
+char const kPamService[] = "kovasharing";
+size_t const kMaxCookieValue = 4096;
+size_t const kMaxLoginName = 256;
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Decodes one url-encoded component of [p, end). A '%' not followed by two hex digits inside
+// the text stays as it is. False when the result would hold a NUL byte, which no C text can
+// carry.
+bool Decode(char const* p, char const* end, std::string& out) {
+  out.clear();
+  out.reserve(static_cast<size_t>(end - p));
+  while (p < end) {
+    char c = *p++;
+    if (c == '+') {
+      c = ' ';
+    } else if (c == '%' && end - p >= 2) {
+      int const hi = HexValue(p[0]);
+      int const lo = HexValue(p[1]);
+      if (hi >= 0 && lo >= 0) {
+        c = static_cast<char>(hi * 16 + lo);
+        p += 2;
+      }
+    }
+    if (c == '\0') return false;
+    out += c;
+  }
+  return true;
+}
+
+// Splits "a=1&b=2" (';' also separates, as older forms send it) into decoded pairs.
+void ParseForm(char const* text, size_t length, Pairs& out) {
+  char const* p = text;
+  char const* const end = text + length;
+  while (p < end) {
+    char const* stop = p;
+    while (stop < end && *stop != '&' && *stop != ';') ++stop;
+    char const* eq = p;
+    while (eq < stop && *eq != '=') ++eq;
+    std::string name, value;
+    if (stop > p && Decode(p, eq, name) && !name.empty() &&
+        Decode(eq < stop ? eq + 1 : stop, stop, value)) {
+      out.emplace_back(std::move(name), std::move(value));
+    }
+    p = stop < end ? stop + 1 : end;
+  }
+}
+
+bool ParseLength(char const* text, size_t& out) {
+  if (text == nullptr || *text == '\0') return false;
+  size_t value = 0;
+  for (char const* p = text; *p; ++p) {
+    if (*p < '0' || *p > '9') return false;
+    if (value > (static_cast<size_t>(-1) - 9) / 10) return false;
+    value = value * 10 + static_cast<size_t>(*p - '0');
+  }
+  out = value;
+  return true;
+}
+
+// The POST body belongs to the process's standard input and can be read only once; every
+// handle made for the same request shares what the first one read. A new standard input (a
+// new request in a process that serves several) is read afresh.
+struct BodyCache {
+  bool valid = false;
+  dev_t dev = 0;
+  ino_t ino = 0;
+  bool refused = false;
+  std::string body;
+};
+
+BodyCache& Body() {
+  static BodyCache* cache = new BodyCache;  // kept to the end of the process on purpose
+  return *cache;
+}
+
+// 1: body read (or none to read), 0: refused.
+int LoadBody(std::string const*& body) {
+  body = nullptr;
+  char const* method = getenv("REQUEST_METHOD");
+  if (method == nullptr || strcasecmp(method, "POST") != 0) return 1;
+  char const* type = getenv("CONTENT_TYPE");
+  static char const kForm[] = "application/x-www-form-urlencoded";
+  if (type == nullptr || strncasecmp(type, kForm, sizeof kForm - 1) != 0 ||
+      (type[sizeof kForm - 1] != '\0' && type[sizeof kForm - 1] != ';' &&
+       type[sizeof kForm - 1] != ' ')) {
+    return 1;  // not a form: nothing of it is a parameter
+  }
+  struct stat st;
+  if (fstat(STDIN_FILENO, &st) != 0) {
+    memset(&st, 0, sizeof st);
+  }
+  BodyCache& cache = Body();
+  if (!cache.valid || cache.dev != st.st_dev || cache.ino != st.st_ino) {
+    cache.valid = true;
+    cache.dev = st.st_dev;
+    cache.ino = st.st_ino;
+    cache.refused = false;
+    cache.body.clear();
+    size_t length = 0;
+    char const* text = getenv("CONTENT_LENGTH");
+    if (text == nullptr || *text == '\0') {
+      length = 0;
+    } else if (!ParseLength(text, length)) {
+      syslog(LOG_ERR, "%s:%d (%u) invalid CONTENT_LENGTH", kSource, __LINE__, (unsigned)getpid());
+      cache.refused = true;
+    } else if (length > KOVA_CGI_MAX_BODY) {
+      syslog(LOG_ERR, "%s:%d (%u) request body of %zu bytes refused", kSource, __LINE__,
+             (unsigned)getpid(), length);
+      cache.refused = true;
+    }
+    if (!cache.refused && length > 0) {
+      cache.body.resize(length);
+      size_t got = 0;
+      while (got < length) {
+        ssize_t const n = read(STDIN_FILENO, &cache.body[got], length - got);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+      }
+      if (got < length) {
+        syslog(LOG_ERR, "%s:%d (%u) truncated request body: %zu of %zu bytes", kSource, __LINE__,
+               (unsigned)getpid(), got, length);
+        cache.refused = true;
+        cache.body.clear();
+      }
+    }
+  }
+  if (cache.refused) return 0;
+  body = &cache.body;
+  return 1;
+}
+
+bool IsTokenChar(unsigned char c) {
+  if (c <= 0x20 || c >= 0x7f) return false;
+  return strchr("()<>@,;:\\\"/[]?={}", c) == nullptr;
+}
+
+bool IsCookieValueChar(unsigned char c) {
+  return c == 0x21 || (c >= 0x23 && c <= 0x2b) || (c >= 0x2d && c <= 0x3a) ||
+         (c >= 0x3c && c <= 0x5b) || (c >= 0x5d && c <= 0x7e);
+}
+
+bool IsAttributeText(char const* text) {
+  for (char const* p = text; *p; ++p) {
+    unsigned char const c = static_cast<unsigned char>(*p);
+    if (c < 0x20 || c >= 0x7f || c == ';') return false;
+  }
+  return true;
+}
+
+void AppendEncoded(std::string& out, char const* text) {
+  static char const kHex[] = "0123456789ABCDEF";
+  for (char const* p = text; *p; ++p) {
+    unsigned char const c = static_cast<unsigned char>(*p);
+    if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
+        strchr("-_.~", c) != nullptr) {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+}
+
+// Answers the PAM modules: the password to hidden prompts, the account name to visible ones.
+// Module messages are not shown to anybody.
+struct Conversation {
+  char const* username;
+  char const* password;
+};
+
+void FreeReplies(pam_response* replies, int count) {
+  for (int i = 0; i < count; ++i) {
+    if (replies[i].resp != nullptr) {
+      explicit_bzero(replies[i].resp, strlen(replies[i].resp));
+      free(replies[i].resp);
+    }
+  }
+  free(replies);
+}
+
+int Converse(int count, const struct pam_message** messages, struct pam_response** responses,
+             void* data) {
+  if (count <= 0 || count > PAM_MAX_NUM_MSG || messages == nullptr || responses == nullptr) {
+    return PAM_CONV_ERR;
+  }
+  auto const* conv = static_cast<Conversation const*>(data);
+  auto* replies =
+      static_cast<pam_response*>(calloc(static_cast<size_t>(count), sizeof(pam_response)));
+  if (replies == nullptr) return PAM_BUF_ERR;
+  for (int i = 0; i < count; ++i) {
+    char const* answer = nullptr;
+    switch (messages[i]->msg_style) {
+      case PAM_PROMPT_ECHO_OFF:
+        answer = conv->password;
+        break;
+      case PAM_PROMPT_ECHO_ON:
+        answer = conv->username;
+        break;
+      case PAM_ERROR_MSG:
+      case PAM_TEXT_INFO:
+        break;
+      default:
+        FreeReplies(replies, i);
+        return PAM_CONV_ERR;
+    }
+    if (answer != nullptr) {
+      replies[i].resp = strdup(answer);
+      if (replies[i].resp == nullptr) {
+        FreeReplies(replies, i);
+        return PAM_BUF_ERR;
+      }
+    }
+  }
+  *responses = replies;
+  return PAM_SUCCESS;
+}
+
+}  // namespace
+
+struct KovaCgiRequest {
+  Pairs params;
+  Pairs cookies;
+  std::string set_cookie_headers;
+};
+
+extern "C" {
+
+int KovaCgiInit(const char* config, KOVA_CGI_HANDLE* handle) {
+  if (config == nullptr || handle == nullptr) return -1;
+  *handle = nullptr;
+  auto* request = new (std::nothrow) KovaCgiRequest;
+  if (request == nullptr) return -1;
+  try {
+    char const* query = getenv("QUERY_STRING");
+    if (query != nullptr) ParseForm(query, strlen(query), request->params);
+    std::string const* body = nullptr;
+    if (LoadBody(body) != 1) {
+      delete request;
+      return 0;
+    }
+    if (body != nullptr) ParseForm(body->data(), body->size(), request->params);
+  } catch (std::bad_alloc const&) {
+    delete request;
+    return -1;
+  }
+  *handle = request;
+  return 1;
+}
+
+int KovaCgiLoadInCookies(KOVA_CGI_HANDLE handle) {
+  if (handle == nullptr) return -1;
+  char const* header = getenv("HTTP_COOKIE");
+  if (header == nullptr) return 0;
+  int loaded = 0;
+  try {
+    char const* p = header;
+    while (*p) {
+      while (*p == ' ' || *p == '\t' || *p == ';') ++p;
+      char const* stop = p;
+      while (*stop && *stop != ';') ++stop;
+      char const* eq = p;
+      while (eq < stop && *eq != '=') ++eq;
+      if (eq < stop && eq > p) {
+        char const* name_end = eq;
+        while (name_end > p && (name_end[-1] == ' ' || name_end[-1] == '\t')) --name_end;
+        char const* v = eq + 1;
+        char const* v_end = stop;
+        while (v < v_end && (*v == ' ' || *v == '\t')) ++v;
+        while (v_end > v && (v_end[-1] == ' ' || v_end[-1] == '\t')) --v_end;
+        if (v_end - v >= 2 && *v == '"' && v_end[-1] == '"') {
+          ++v;
+          --v_end;
+        }
+        if (name_end > p) {
+          handle->cookies.emplace_back(std::string(p, name_end), std::string(v, v_end));
+          ++loaded;
+        }
+      }
+      p = stop;
+    }
+  } catch (std::bad_alloc const&) {
+    return -1;
+  }
+  return loaded;
+}
+
+const char* KovaCgiGetRequestParam(KOVA_CGI_HANDLE handle, const char* name, int flags) {
+  (void)flags;
+  if (handle == nullptr || name == nullptr) return nullptr;
+  for (auto const& param : handle->params) {
+    if (param.first == name) return param.second.c_str();
+  }
+  return nullptr;
+}
+
+const char* KovaCgiGetCookie(KOVA_CGI_HANDLE handle, const char* name) {
+  if (handle == nullptr || name == nullptr) return nullptr;
+  // The newest wins, so a cookie set during the request hides the one that came in.
+  for (auto it = handle->cookies.rbegin(); it != handle->cookies.rend(); ++it) {
+    if (it->first == name) return it->second.c_str();
+  }
+  return nullptr;
+}
+
+int KovaCgiSetCookies(KOVA_CGI_HANDLE handle, const char* name, const char* value, long max_age,
+                      const char* path, const char* domain, int flags) {
+  if (handle == nullptr || name == nullptr || value == nullptr) return -1;
+  if (*name == '\0') return 0;
+  for (char const* p = name; *p; ++p) {
+    if (!IsTokenChar(static_cast<unsigned char>(*p))) return 0;
+  }
+  size_t const length = strlen(value);
+  if (length > kMaxCookieValue) return 0;
+  for (size_t i = 0; i < length; ++i) {
+    if (!IsCookieValueChar(static_cast<unsigned char>(value[i]))) return 0;
+  }
+  if ((path != nullptr && !IsAttributeText(path)) ||
+      (domain != nullptr && !IsAttributeText(domain)) || max_age < 0) {
+    return 0;
+  }
+  try {
+    std::string header = "Set-Cookie: ";
+    header.append(name).append("=").append(value);
+    if (max_age > 0) header.append("; Max-Age=").append(std::to_string(max_age));
+    if (path != nullptr && *path) header.append("; Path=").append(path);
+    if (domain != nullptr && *domain) header.append("; Domain=").append(domain);
+    char const* https = getenv("HTTPS");
+    if ((flags & KOVA_CGI_COOKIE_SECURE) || (https != nullptr && strcasecmp(https, "on") == 0)) {
+      header.append("; Secure");
+    }
+    if (!(flags & KOVA_CGI_COOKIE_SCRIPT_READABLE)) header.append("; HttpOnly");
+    header.append("; SameSite=Lax\r\n");
+    handle->cookies.emplace_back(name, value);
+    handle->set_cookie_headers += header;
+  } catch (std::bad_alloc const&) {
+    return -1;
+  }
+  return 1;
+}
+
+const char* KovaCgiGetSetCookieHeaders(KOVA_CGI_HANDLE handle) {
+  if (handle == nullptr) return "";
+  return handle->set_cookie_headers.c_str();
+}
+
+int KovaCgiGetRemoteIP(char* buf, size_t size) {
+  if (buf == nullptr || size == 0) return -1;
+  char const* addr = getenv("REMOTE_ADDR");
+  if (addr == nullptr) return -1;
+  // Anything longer than the longest address text is not an address; this also keeps
+  // inet_pton away from megabytes of junk.
+  if (strnlen(addr, INET6_ADDRSTRLEN) >= INET6_ADDRSTRLEN) return -1;
+  char text[INET6_ADDRSTRLEN];
+  unsigned char raw[sizeof(struct in6_addr)];
+  if (inet_pton(AF_INET, addr, raw) == 1) {
+    if (inet_ntop(AF_INET, raw, text, sizeof text) == nullptr) return -1;
+  } else if (inet_pton(AF_INET6, addr, raw) == 1) {
+    if (inet_ntop(AF_INET6, raw, text, sizeof text) == nullptr) return -1;
+  } else {
+    return -1;
+  }
+  size_t const length = strlen(text);
+  if (length >= size) return -1;
+  memcpy(buf, text, length + 1);
+  return 0;
+}
+
+int KovaCgiLogin(KOVA_CGI_HANDLE handle, char* reply, size_t size,
+                 const KOVA_CGI_LOGIN_REQ* request) {
+  if (handle == nullptr || request == nullptr || request->username == nullptr ||
+      request->password == nullptr) {
+    return -1;
+  }
+  if (reply != nullptr && size > 0) reply[0] = '\0';
+  size_t const name_length = strnlen(request->username, kMaxLoginName + 1);
+  if (name_length == 0 || name_length > kMaxLoginName) return 0;
+
+  Conversation conversation{request->username, request->password};
+  struct pam_conv conv = {Converse, &conversation};
+  pam_handle_t* pamh = nullptr;
+  int rc = pam_start(kPamService, request->username, &conv, &pamh);
+  if (rc != PAM_SUCCESS) {
+    syslog(LOG_ERR, "%s:%d (%u) pam_start failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           pam_strerror(pamh, rc));
+    if (pamh != nullptr) pam_end(pamh, rc);
+    return 0;
+  }
+  char address[INET6_ADDRSTRLEN] = {0};
+  if (KovaCgiGetRemoteIP(address, sizeof address) == 0) pam_set_item(pamh, PAM_RHOST, address);
+  if (request->client != nullptr && *request->client) {
+    pam_set_item(pamh, PAM_TTY, request->client);
+  }
+  int const pam_flags = (request->flags & KOVA_CGI_LOGIN_QUIET) ? PAM_SILENT : 0;
+  rc = pam_authenticate(pamh, pam_flags | PAM_DISALLOW_NULL_AUTHTOK);
+  if (rc != PAM_SUCCESS) {
+    syslog(LOG_ERR, "%s:%d (%u) authentication refused: %s", kSource, __LINE__, (unsigned)getpid(),
+           pam_strerror(pamh, rc));
+  } else {
+    rc = pam_acct_mgmt(pamh, pam_flags | PAM_DISALLOW_NULL_AUTHTOK);
+    if (rc != PAM_SUCCESS) {
+      syslog(LOG_ERR, "%s:%d (%u) account refused: %s", kSource, __LINE__, (unsigned)getpid(),
+             pam_strerror(pamh, rc));
+    }
+  }
+  if (rc == PAM_SUCCESS && reply != nullptr && size > 0) {
+    // The stack may have mapped the name; report the account that really logged in.
+    void const* item = nullptr;
+    char const* user = request->username;
+    if (pam_get_item(pamh, PAM_USER, &item) == PAM_SUCCESS && item != nullptr) {
+      user = static_cast<char const*>(item);
+    }
+    char const* sid = KovaCgiGetCookie(handle, "id");
+    try {
+      std::string text = "user=";
+      AppendEncoded(text, user);
+      text += "&sid=";
+      AppendEncoded(text, sid != nullptr ? sid : "");
+      text += "&timeout=" + std::to_string(request->timeout_min);
+      size_t const n = text.size() < size - 1 ? text.size() : size - 1;
+      memcpy(reply, text.data(), n);
+      reply[n] = '\0';
+    } catch (std::bad_alloc const&) {
+      rc = PAM_BUF_ERR;
+    }
+  }
+  pam_end(pamh, rc);
+  return rc == PAM_SUCCESS ? 1 : 0;
+}
+
+void KovaCgiFree(KOVA_CGI_HANDLE handle) { delete handle; }
+
+}  // extern "C"

@@ -1,0 +1,365 @@
+// The visitor functions. Each call opens its own stores over the process-wide sharing
+// database; nothing is kept between calls but the rows. The order of the checks is part of
+// the contract: a blocked address is refused before the link is looked at, and a failed login
+// is counted only where a visitor guessed a password or an account.
+#include "kovasharing/sharinglogin.h"
+
+#include <string.h>
+#include <syslog.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "kova_autoblock.h"
+#include "kova_cgi.h"
+#include "kova_user.h"
+#include "kovasharing/constants.h"
+#include "kovasharing/entry.h"
+#include "kovasharing/entry_db.h"
+#include "kovasharing/session.h"
+#include "kovasharing/session_db.h"
+#include "kovasharing/sharing_db.h"
+#include "kovasharing/token.h"
+#include "kovasharing/token_db.h"
+#include "kovasharing/utils.h"
+
+namespace {
+
+using KOVA::sharing::db::EntryDB;
+using KOVA::sharing::db::SessionDB;
+using KOVA::sharing::db::SharingDB;
+using KOVA::sharing::db::TokenDB;
+using KOVA::sharing::record::Entry;
+using KOVA::sharing::record::Session;
+using KOVA::sharing::record::Token;
+
+char const kSource[] = "sharinglogin";
+char const kService[] = "SHARING";
+long const kLifetime = 86400;  // sessions and tokens live one day from their last use
+size_t const kAddressSize = 65;
+
+// The account login of the platform: the reply size it expects, the client kind of the web
+// front end, the idle minutes of its web login and the flag that keeps PAM modules quiet.
+size_t const kReplySize = 123;
+char const kClientKind[] = "webui";
+int const kLoginTimeoutMin = 15;
+int const kLoginFlags = 1;
+
+// Results of the account check.
+int const kAccountOk = 1;
+int const kAccountLoginRefused = -2;
+int const kAccountInternal = -4;
+int const kAccountNotAllowed = -6;
+
+int CheckAccountWith(KOVA_CGI_HANDLE& cgi, KOVAUSER*& user, Entry const& entry,
+                     _tag_sharing_login_params const* params, unsigned int& uid) {
+  if (KovaCgiInit("", &cgi) != 1) return kAccountInternal;
+  KovaCgiLoadInCookies(cgi);
+  // The web front end passes its own session id as "_sid"; the account login expects it as the
+  // cookie "id".
+  char const* sid = KovaCgiGetRequestParam(cgi, "_sid", 0);
+  if (sid != nullptr && *sid != '\0' &&
+      KovaCgiSetCookies(cgi, "id", sid, 0, "/", nullptr, 0) != 1) {
+    return kAccountInternal;
+  }
+  std::set<unsigned int> gids;
+  if (params->username != nullptr) {
+    std::string const real = KOVA::sharing::GetRealUsername(params->username);
+    char reply[kReplySize];
+    memset(reply, 0, sizeof reply);
+    KOVA_CGI_LOGIN_REQ const request = {real.c_str(), params->user_password, kClientKind,
+                                        kLoginTimeoutMin, kLoginFlags};
+    if (KovaCgiLogin(cgi, reply, sizeof reply, &request) != 1) return kAccountLoginRefused;
+    // A look-up error other than "no such user" still reports success without a record.
+    if (!KOVA::sharing::UserGet(params->username, user) || user == nullptr ||
+        !KOVA::sharing::UserGroupsGet(user, gids)) {
+      return kAccountInternal;
+    }
+    uid = user->uid;
+  } else {
+    if (KOVAUserGetByUID(uid, &user) != 0 || user == nullptr) return kAccountInternal;
+    if (!KOVA::sharing::UserGroupsGet(user, gids)) return kAccountInternal;
+  }
+  for (unsigned int const allowed : entry.get_protect_uids()) {
+    if (allowed == user->uid) return kAccountOk;
+  }
+  for (unsigned int const allowed : entry.get_protect_gids()) {
+    if (gids.count(allowed) != 0) return kAccountOk;
+  }
+  return kAccountNotAllowed;
+}
+
+// Is the visitor one of the link's users or in one of its groups? With a user name the
+// account logs in again (and `uid` receives its id); without one, the account `uid` that
+// logged in before is checked.
+int CheckAccount(Entry const& entry, _tag_sharing_login_params const* params, unsigned int& uid) {
+  KOVA_CGI_HANDLE cgi = nullptr;
+  KOVAUSER* user = nullptr;
+  int const result = CheckAccountWith(cgi, user, entry, params, uid);
+  KovaCgiFree(cgi);
+  if (user != nullptr) KOVAUserFree(user);
+  return result;
+}
+
+// Finds or makes the session and the token of a login that passed every check. False leaves
+// `token` as it then stands, for the caller to delete.
+bool StoreLogin(SharingDB& sdb, SessionDB& session_db, TokenDB& token_db, Entry const& entry,
+                _tag_sharing_login_params const* params, unsigned int uid, Session& session,
+                Token& token) {
+  if (!sdb.IsGood()) return false;
+  char address[kAddressSize];
+  memset(address, 0, sizeof address);
+  if (KovaCgiGetRemoteIP(address, sizeof address) < 0) return false;
+  long const timeout = time(nullptr) + kLifetime;
+
+  if (params->session_id != nullptr && session_db.GetBySessionId(params->session_id, session)) {
+    session.set_ip(address).set_timeout(timeout);
+  } else {
+    // A look-up that met an expired row has filled `session` from it; nothing of that row may
+    // carry over into the new session.
+    session = Session();
+    session.set_ip(address).set_timeout(timeout);
+    if (!session_db.CreateWithSessionId(session)) return false;
+  }
+
+  if (token_db.GetBySessionEntry(session, entry, token)) {
+    token.set_timeout(timeout);
+    if (!token_db.Update(token)) return false;
+  } else {
+    token = Token();  // likewise: the expired row stays as it is, the new token starts empty
+    token.set_session_id(session.get_id()).set_entry_id(entry.get_id()).set_timeout(timeout);
+    if (!token_db.Create(token)) return false;
+  }
+
+  if (entry.get_protect_type() == Entry::PROTECT_USER) session.set_uid(uid);
+  return session_db.Update(session);
+}
+
+// The plain forms take C texts; a null one is refused the same way on every standard library.
+std::string Text(char const* text) {
+  if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
+  return std::string(text);
+}
+
+}  // namespace
+
+namespace KOVA {
+
+int KovaSharingLogin(std::string& session_id, _tag_sharing_login_params const* params, bool quiet) {
+  SharingDB& sdb = SharingDB::Instance();
+  EntryDB entry_db(sdb);
+  if (params == nullptr || !sdb.IsGood() || params->hash == nullptr) return -4;
+
+  char address[kAddressSize];
+  memset(address, 0, sizeof address);
+  if (KovaCgiGetRemoteIP(address, sizeof address) < 0) return -4;
+  if (KovaCgiIsDeniedIP(address) == 1) {
+    syslog(LOG_ERR, "%s:%d KovaAutoBlockIsDeniedIP %s", kSource, __LINE__, address);
+    return -8;
+  }
+
+  Entry entry;
+  if (!entry_db.GetByHash(params->hash, entry)) return -3;
+  if (!entry.IsValid()) return -3;
+  if (entry.get_expire_times() > 0 && entry.get_use_count() >= entry.get_expire_times()) {
+    return -11;
+  }
+
+  unsigned int uid = sharing::UID_ERR;
+  switch (entry.get_protect_type()) {
+    case Entry::PROTECT_PASSWORD: {
+      int code = 0;
+      if (params->password == nullptr) {
+        code = -3;
+      } else if (!entry.IsPasswordValid(params->password)) {
+        code = -9;
+      }
+      if (code != 0) {
+        AutoBlockFailLoginSet(address, kService);
+        return code;
+      }
+      break;
+    }
+    case Entry::PROTECT_USER: {
+      int const result = CheckAccount(entry, params, uid);
+      if (result == kAccountOk) break;
+      if (result == kAccountNotAllowed) {
+        // A quiet caller probes several accounts on purpose; that is no attack.
+        if (quiet) return -10;
+        AutoBlockFailLoginSet(address, kService);
+        return -10;
+      }
+      AutoBlockFailLoginSet(address, kService);
+      return result == kAccountLoginRefused ? -2 : -3;
+    }
+    default:
+      break;
+  }
+
+  // The use is counted before the session is made: a login that fails from here on has still
+  // used the link.
+  if (!KovaSharingIncreaseUseCount(std::string(params->hash))) {
+    syslog(LOG_ERR, "%s:%d update entry use count fail", kSource, __LINE__);
+  }
+
+  SessionDB session_db(sdb);
+  TokenDB token_db(sdb);
+  Session session;
+  Token token;
+  if (!StoreLogin(sdb, session_db, token_db, entry, params, uid, session, token)) {
+    // A token made or refreshed above must not outlive the failed login.
+    token_db.Delete(token);
+    return -4;
+  }
+
+  session_id = session.get_session_id();
+  if (!quiet) KOVAAutoBlockFailLoginReset(address);
+  return 1;
+}
+
+int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
+  SharingDB& sdb = SharingDB::Instance();
+  SessionDB session_db(sdb);
+  TokenDB token_db(sdb);
+  EntryDB entry_db(sdb);
+  Session session;
+  Token token;
+  Entry entry;
+
+  if (!sdb.IsGood()) {
+    syslog(LOG_ERR, "%s:%d db is not good", kSource, __LINE__);
+    if (!sdb.IsRoot()) return -4;
+    // A database file left to root locks every visitor out; it is moved aside.
+    syslog(LOG_ERR, "%s:%d db ownner is root", kSource, __LINE__);
+    sdb.MoveRootDB();
+  }
+  if (params == nullptr || params->session_id == nullptr || params->hash == nullptr) return -4;
+
+  char address[kAddressSize];
+  memset(address, 0, sizeof address);
+  if (KovaCgiGetRemoteIP(address, sizeof address) < 0) {
+    syslog(LOG_ERR, "%s:%d invalid ip", kSource, __LINE__);
+    return -4;
+  }
+
+  if (!session_db.GetBySessionId(params->session_id, session)) return -5;
+  if (!entry_db.GetByHash(params->hash, entry)) return -7;
+  if (!token_db.GetBySessionEntry(session, entry, token)) return -7;
+
+  if (!entry.IsValid()) {
+    syslog(LOG_ERR, "%s:%d entry is not valid", kSource, __LINE__);
+    return -6;
+  }
+  // Loading already refuses expired rows; these two catch a clock that passed the timeout
+  // since.
+  if (!session.IsLegal()) {
+    syslog(LOG_ERR, "%s:%d session is not valid", kSource, __LINE__);
+    return -1;
+  }
+  if (!token.IsLegal()) {
+    syslog(LOG_ERR, "%s:%d token is not valid", kSource, __LINE__);
+    if (!token_db.Delete(token)) {
+      syslog(LOG_ERR, "%s:%d delete token failed", kSource, __LINE__);
+      return -4;
+    }
+    return -1;
+  }
+
+  if (entry.get_protect_type() == Entry::PROTECT_USER) {
+    unsigned int uid = session.get_uid();
+    if (CheckAccount(entry, params, uid) != kAccountOk) {
+      syslog(LOG_ERR, "%s:%d user login error", kSource, __LINE__);
+      return -2;
+    }
+  }
+
+  if (entry.get_enable_match_ip()) {
+    std::string const stored = session.get_ip();
+    size_t const length = strlen(address);
+    if (stored.size() != length || memcmp(stored.data(), address, length) != 0) {
+      syslog(LOG_ERR, "%s:%d ip not match, %s, %s", kSource, __LINE__, address, stored.c_str());
+      return -8;
+    }
+  }
+
+  long const timeout = time(nullptr) + kLifetime;
+  session.set_timeout(timeout);
+  if (!session_db.Update(session)) {
+    syslog(LOG_ERR, "%s:%d update session failed", kSource, __LINE__);
+    return -4;
+  }
+  token.set_timeout(timeout);
+  if (!token_db.Update(token)) {
+    syslog(LOG_ERR, "%s:%d update token failed", kSource, __LINE__);
+    return -4;
+  }
+  return 1;
+}
+
+int KovaSharingLogout(std::string const& hash, std::string const& session_id) {
+  SharingDB& sdb = SharingDB::Instance();
+  EntryDB entry_db(sdb);
+  SessionDB session_db(sdb);
+  TokenDB token_db(sdb);
+  Entry entry;
+  Session session;
+  Token token;
+  if (!sdb.IsGood()) return 0;
+  if (!session_db.GetBySessionId(session_id, session)) {
+    syslog(LOG_ERR, "%s:%d get session failed", kSource, __LINE__);
+    return 0;
+  }
+  if (!entry_db.GetByHash(hash, entry)) {
+    syslog(LOG_ERR, "%s:%d get entry failed", kSource, __LINE__);
+    return 0;
+  }
+  if (!token_db.GetBySessionEntry(session, entry, token)) {
+    syslog(LOG_ERR, "%s:%d get token failed", kSource, __LINE__);
+    return 0;
+  }
+  return token_db.Delete(token) ? 1 : 0;
+}
+
+int KovaSharingIncreaseUseCount(std::string const& hash) {
+  SharingDB& sdb = SharingDB::Instance();
+  EntryDB entry_db(sdb);
+  if (!sdb.IsGood()) return 0;
+  Entry entry;
+  if (!entry_db.GetByHash(hash, entry)) return 0;
+  entry.inc_use_count();
+  return entry_db.Update(entry) ? 1 : 0;
+}
+
+}  // namespace KOVA
+
+extern "C" {
+
+int KovaSharingLogin(char* buf, unsigned int size, const struct _tag_sharing_login_params* params,
+                     int quiet) {
+  std::string session_id;
+  int const result = KOVA::KovaSharingLogin(session_id, params, quiet == 1);
+  if (buf == nullptr || size == 0) return result;
+  // No terminator right after a shorter id: only the last byte of the buffer is written.
+  size_t const n = session_id.size() < size ? session_id.size() : size;
+  strncpy(buf, session_id.c_str(), n);
+  buf[size - 1] = '\0';
+  return result;
+}
+
+int KovaSharingIsAuthorized(const struct _tag_sharing_login_params* params) {
+  return KOVA::KovaSharingIsAuthorized(params);
+}
+
+int KovaSharingLogout(const char* hash, const char* session_id) {
+  return KOVA::KovaSharingLogout(Text(hash), Text(session_id));
+}
+
+int KovaSharingIncreaseUseCount(const char* hash) {
+  return KOVA::KovaSharingIncreaseUseCount(Text(hash));
+}
+
+}  // extern "C"
