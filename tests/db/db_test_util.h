@@ -1,6 +1,6 @@
-// Helpers of the db layer's tests: log-line matching, a direct SQLite handle for checking what
-// the code under test wrote, file facts, and running a check in a child process whose identity
-// may be changed for good.
+// The common ground of the db layer's tests: the captured log in a comparable form, a direct SQLite
+// handle for checking what the code under test wrote, file facts, identity switches and a
+// child process that may drop root for good.
 #ifndef KOVA_TESTS_DB_TEST_UTIL_H
 #define KOVA_TESTS_DB_TEST_UTIL_H
 
@@ -8,149 +8,126 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
+#include "kovasharing/base_db.h"
+#include "kovasharing/result.h"
 #include "kovatest.h"
+
+using namespace std::string_literals;
 
 namespace dbtest {
 
-inline std::string Pid() { return std::to_string(static_cast<unsigned>(getpid())); }
-
-// True when a captured line begins with "<source>:" and ends with `tail` exactly.
-inline bool HasLine(std::string const& source, std::string const& tail, int priority = -1) {
+// Every captured line, joined by "|", with the line number after "<source>:" shown as "#",
+// this process's " (<pid>) " as " (pid) ", the system error text after "err=" as "%m", and "auth: "
+// or "crit: " in front of the lines of LOG_AUTH | LOG_ERR and LOG_AUTH | LOG_CRIT (plain LOG_ERR
+// lines have no prefix).
+inline std::string Log() {
+  std::string out;
+  std::regex const number("^(\\w+):\\d+"), pid(" \\(" + std::to_string(getpid()) + "\\) ");
+  std::regex const error("err=[^\\n]*");
   for (auto const& line : kovatest::Logs()) {
-    if (line.text.compare(0, source.size() + 1, source + ":") != 0) continue;
-    if (line.text.size() < tail.size()) continue;
-    if (line.text.compare(line.text.size() - tail.size(), tail.size(), tail) != 0) continue;
-    if (priority != -1 && line.priority != priority) continue;
-    return true;
+    int const p = line.priority;
+    out += (out.empty() ? "" : "|") + std::string(p == LOG_ERR                 ? ""
+                                                  : p == (LOG_AUTH | LOG_ERR)  ? "auth: "
+                                                  : p == (LOG_AUTH | LOG_CRIT) ? "crit: "
+                                                                               : "other: ");
+    std::string const text = std::regex_replace(line.text, number, "$1:#");
+    out += std::regex_replace(std::regex_replace(text, pid, " (pid) "), error, "err=%m");
   }
-  return false;
+  return out;
 }
 
-// "<source>:<line> (<pid>) <message>" as the library logs it.
-inline bool HasPidLine(std::string const& source, std::string const& message) {
-  return HasLine(source, " (" + Pid() + ") " + message);
-}
-
-// Runs one SQL text on its own connection and returns the rows, columns joined by "|".
-inline std::vector<std::string> Sql(std::string const& path, std::string const& sql) {
-  std::vector<std::string> rows;
+// Runs an SQL text on a connection of its own; its rows joined by ";", columns by "|".
+inline std::string Sql(std::string const& path, std::string const& sql) {
+  std::string rows;
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    ADD_FAILURE() << "cannot open " << path;
-    return rows;
-  }
-  sqlite3_busy_timeout(db, 5000);
-  char* error = nullptr;
+  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr);
   auto collect = [](void* out, int n, char** values, char**) {
-    std::string row;
+    std::string& rows = *static_cast<std::string*>(out);
     for (int i = 0; i < n; ++i) {
-      if (i > 0) row += "|";
-      row += values[i] != nullptr ? values[i] : "NULL";
+      rows += (i > 0 ? "|"s : rows.empty() ? ""s : ";"s) + (values[i] ? values[i] : "NULL");
     }
-    static_cast<std::vector<std::string>*>(out)->push_back(row);
     return 0;
   };
-  if (sqlite3_exec(db, sql.c_str(), collect, &rows, &error) != SQLITE_OK) {
-    ADD_FAILURE() << "sql failed: " << sql << ": " << (error ? error : "?");
-  }
-  sqlite3_free(error);
+  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), collect, &rows, nullptr)) << sql;
   sqlite3_close(db);
   return rows;
 }
 
-inline std::string One(std::string const& path, std::string const& sql) {
-  auto rows = Sql(path, sql);
-  return rows.empty() ? std::string("<no row>") : rows.front();
-}
-
-// Makes an SQLite file as the system account would (owner 1:1), with the given mode.
+// An SQLite file as the system account would have made it (owner 1:1), with the given mode.
 inline void MakeDb(std::string const& path, std::string const& sql = "", mode_t mode = 0660) {
   sqlite3* db = nullptr;
   ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
-  if (!sql.empty()) {
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sql;
-  }
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr)) << sql;
   sqlite3_close(db);
   ASSERT_EQ(0, chmod(path.c_str(), mode));
-  if (geteuid() == 0) {
-    ASSERT_EQ(0, chown(path.c_str(), 1, 1));
-  }
+  ASSERT_EQ(0, geteuid() == 0 ? chown(path.c_str(), 1, 1) : 0);
 }
 
-struct FileFacts {
-  bool exists = false;
-  unsigned mode = 0;
-  unsigned uid = 0;
-  unsigned gid = 0;
-  long long size = 0;
-};
-
-inline FileFacts Facts(std::string const& path) {
-  FileFacts f;
+// "<mode> <uid>:<gid>" of a file, e.g. "660 1:1", or "none".
+inline std::string Owner(std::string const& path) {
   struct stat st;
-  if (stat(path.c_str(), &st) == 0) {
-    f.exists = true;
-    f.mode = st.st_mode & 07777;
-    f.uid = st.st_uid;
-    f.gid = st.st_gid;
-    f.size = st.st_size;
-  }
-  return f;
+  if (stat(path.c_str(), &st) != 0) return "none";
+  char text[64];
+  snprintf(text, sizeof text, "%o %u:%u", st.st_mode & 07777u, st.st_uid, st.st_gid);
+  return text;
 }
 
-// Runs `body` in a forked child and returns its exit code (or 100 + signal). The child may
-// change its identity irreversibly; the test process stays as it is.
-inline int InChild(std::function<int()> const& body) {
-  fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int rc = 99;
-    try {
-      rc = body();
-    } catch (...) {
-      rc = 98;
-    }
-    _exit(rc);
-  }
-  int status = 0;
-  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  return WIFSIGNALED(status) ? 100 + WTERMSIG(status) : -1;
+inline long long Size(std::string const& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
-// Gives the process the system account for good (real, effective and saved ids).
+inline std::string Ids() { return std::to_string(geteuid()) + ":" + std::to_string(getegid()); }
+
+// Sets the effective ids, regaining root first when needed.
+inline bool Become(uid_t uid, gid_t gid) {
+  return (geteuid() == 0 || setresuid(-1, 0, -1) == 0) && setresgid(-1, gid, -1) == 0 &&
+         setresuid(-1, uid, -1) == 0;
+}
+
 inline bool DropForGood(unsigned id) {
   return setresgid(id, id, id) == 0 && setresuid(id, id, id) == 0;
 }
 
-// Keeps the effective ids in view: the test fails when an operation leaves them changed.
-class IdentityCheck {
- public:
-  IdentityCheck() : uid_(geteuid()), gid_(getegid()) {}
-  void Expect(char const* what) const {
-    EXPECT_EQ(uid_, geteuid()) << "effective uid changed by " << what;
-    EXPECT_EQ(gid_, getegid()) << "effective gid changed by " << what;
+// What `body` returns, computed in a forked child whose log starts empty; only the child may
+// change its identity for good.
+inline std::string InChild(std::function<std::string()> const& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return "<no pipe>";
+  fflush(nullptr);
+  pid_t const pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    kovatest::ClearLogs();
+    std::string const out = body();
+    _exit(write(fds[1], out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 1);
   }
+  close(fds[1]);
+  std::string out;
+  char buf[512];
+  for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;) out.append(buf, n);
+  close(fds[0]);
+  int status = -1;
+  waitpid(pid, &status, 0);
+  return status == 0 ? out : out + " <child status " + std::to_string(status) + ">";
+}
 
- private:
-  uid_t uid_;
-  gid_t gid_;
-};
+// "ok " or "failed ", then the statement the connection ran last.
+inline std::string Ran(KOVA::sharing::db::BaseDB const& db, bool ok) {
+  return (ok ? "ok " : "failed ") + db.GetLastQuery();
+}
 
 }  // namespace dbtest
 
-#define KOVA_REQUIRE_ROOT()              \
-  do {                                   \
-    if (!kovatest::RealRoot()) {         \
-      GTEST_SKIP() << "needs real root"; \
-    }                                    \
-  } while (0)
+#define KOVA_REQUIRE_ROOT() \
+  if (!kovatest::RealRoot()) GTEST_SKIP() << "needs real root"
 
 #endif
