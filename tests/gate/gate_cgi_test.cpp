@@ -1,0 +1,416 @@
+// The gate as the web server runs it: one child process per request, with the CGI variables
+// and the request body on standard input. Links are made through the library's public API;
+// accounts come from the test fixtures (alice is in "editors", bob is not).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <kovasharing/kovasharing.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <map>
+#include <random>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "kovatest.h"
+
+namespace {
+
+using KOVA::sharing::db::EntryDB;
+using KOVA::sharing::db::SharingDB;
+using KOVA::sharing::record::Entry;
+
+struct Response {
+  int status = 0;
+  std::vector<std::string> headers;
+  std::string body;
+
+  std::string Header(std::string const& name) const {
+    for (auto const& line : headers) {
+      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
+    }
+    return "";
+  }
+};
+
+Response Parse(std::string const& out) {
+  Response r;
+  size_t const end = out.find("\r\n\r\n");
+  if (end == std::string::npos) {
+    ADD_FAILURE() << "no end of headers in:\n" << out;
+    return r;
+  }
+  size_t pos = 0;
+  while (pos < end) {
+    size_t const eol = out.find("\r\n", pos);
+    r.headers.push_back(out.substr(pos, eol - pos));
+    pos = eol + 2;
+  }
+  r.body = out.substr(end + 4);
+  std::string const status = r.Header("Status");
+  r.status = status.empty() ? 0 : std::stoi(status);
+  return r;
+}
+
+char const* const kCgiVariables[] = {
+    "REQUEST_METHOD", "QUERY_STRING", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_COOKIE",
+    "HTTP_ORIGIN",    "HTTP_HOST",    "HTTPS",        "REMOTE_ADDR",    "SCRIPT_NAME"};
+
+// Runs the gate once. `env` holds the CGI variables of the request.
+Response RunGate(std::map<std::string, std::string> const& env, std::string const& body = "") {
+  int in[2], out[2];
+  if (pipe(in) != 0 || pipe(out) != 0) abort();
+  pid_t const pid = fork();
+  if (pid == 0) {
+    dup2(in[0], STDIN_FILENO);
+    dup2(out[1], STDOUT_FILENO);
+    close(in[0]);
+    close(in[1]);
+    close(out[0]);
+    close(out[1]);
+    for (char const* name : kCgiVariables) unsetenv(name);
+    for (auto const& var : env) setenv(var.first.c_str(), var.second.c_str(), 1);
+    execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(in[0]);
+  close(out[1]);
+  signal(SIGPIPE, SIG_IGN);
+  if (!body.empty() && write(in[1], body.data(), body.size()) < 0) ADD_FAILURE() << "write";
+  close(in[1]);
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(out[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "gate exit status " << status;
+  return Parse(text);
+}
+
+// A browser: keeps the session cookie the gate sets and sends it back.
+class Visitor {
+ public:
+  explicit Visitor(std::string address = "192.0.2.10") : address_(std::move(address)) {}
+
+  Response Get(std::string const& hash, std::string const& extra_query = "") {
+    auto env = Base(hash, extra_query);
+    env["REQUEST_METHOD"] = "GET";
+    return Keep(RunGate(env));
+  }
+  Response Post(std::string const& hash, std::string const& body,
+                std::map<std::string, std::string> const& extra = {}) {
+    auto env = Base(hash, "");
+    env["REQUEST_METHOD"] = "POST";
+    env["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
+    env["CONTENT_LENGTH"] = std::to_string(body.size());
+    env["HTTP_ORIGIN"] = "http://gate.test";
+    for (auto const& var : extra) env[var.first] = var.second;
+    return Keep(RunGate(env, body));
+  }
+  std::string const& session() const { return session_; }
+  void set_address(std::string address) { address_ = std::move(address); }
+
+ private:
+  std::map<std::string, std::string> Base(std::string const& hash, std::string const& extra) {
+    std::map<std::string, std::string> env = {{"SCRIPT_NAME", "/share"},
+                                              {"HTTP_HOST", "gate.test"},
+                                              {"REMOTE_ADDR", address_},
+                                              {"QUERY_STRING", "sharing_id=" + hash + extra}};
+    if (!session_.empty()) env["HTTP_COOKIE"] = "other=1; sharing_sid=" + session_;
+    return env;
+  }
+  Response Keep(Response r) {
+    static std::regex const cookie("^sharing_sid=([A-Za-z0-9_-]+);");
+    for (auto const& line : r.headers) {
+      std::smatch m;
+      std::string const value = line.compare(0, 12, "Set-Cookie: ") == 0 ? line.substr(12) : "";
+      if (std::regex_search(value, m, cookie)) session_ = m[1];
+    }
+    return r;
+  }
+
+  std::string address_;
+  std::string session_;
+};
+
+bool Has(Response const& r, std::string const& text) {
+  return r.body.find(text) != std::string::npos;
+}
+
+// The page with the hash taken out: what tells two links apart besides their names.
+std::string Without(std::string text, std::string const& hash) {
+  for (size_t pos; (pos = text.find(hash)) != std::string::npos;)
+    text.replace(pos, hash.size(), "#");
+  return text;
+}
+
+class GateTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(SharingDB::Instance().IsGood()); }
+
+  std::string Make(Entry& entry) {
+    entry.set_project_name("gate-test");
+    entry.set_owner_user("alice");
+    if (entry.get_app().isNull()) {
+      Json::Value app(Json::objectValue);
+      app["title"] = "Holiday pictures";
+      entry.set_app(app);
+    }
+    EntryDB entries(SharingDB::Instance());
+    EXPECT_TRUE(entries.CreateWithHash(entry));
+    return entry.get_hash();
+  }
+  std::string PasswordLink(std::string const& password = "open sesame") {
+    Entry entry;
+    entry.set_redirect_type(Entry::REDIRECT_NONE);
+    entry.set_protect_type(Entry::PROTECT_PASSWORD);
+    entry.set_protect_password(password, true, Entry::ENCRYPT_ALGO_DEFAULT);
+    return Make(entry);
+  }
+};
+
+TEST_F(GateTest, PasswordLinkFromFormToContentAndOut) {
+  std::string const hash = PasswordLink();
+  Visitor visitor;
+
+  Response r = visitor.Get(hash);
+  EXPECT_EQ(200, r.status);
+  EXPECT_TRUE(Has(r, "<form method=\"post\" action=\"/share?sharing_id=" + hash + "\">"));
+  EXPECT_TRUE(Has(r, "name=\"password\" type=\"password\""));
+  EXPECT_EQ("text/html; charset=utf-8", r.Header("Content-Type"));
+  EXPECT_EQ("no-store", r.Header("Cache-Control"));
+  EXPECT_EQ("same-origin", r.Header("Referrer-Policy"));
+  EXPECT_NE(std::string::npos, r.Header("Content-Security-Policy").find("default-src 'none'"));
+  EXPECT_FALSE(Has(r, "<script")) << "no script on any page";
+  EXPECT_FALSE(Has(r, "style=")) << "no inline style";
+  EXPECT_TRUE(Has(r, "<link rel=\"stylesheet\" href=\"/kovasharing/kovasharing-gate.css\">"));
+
+  // A wrong password and a link that does not exist get the same page, and so do their forms.
+  Response const wrong = visitor.Post(hash, "password=guess");
+  EXPECT_EQ(403, wrong.status);
+  EXPECT_TRUE(Has(wrong, "That did not work"));
+  EXPECT_TRUE(wrong.Header("Set-Cookie").empty());
+  Visitor stranger("192.0.2.11");
+  Response const unknown = stranger.Post("Zz9Unknown", "password=guess");
+  EXPECT_EQ(wrong.status, unknown.status);
+  EXPECT_EQ(Without(wrong.body, hash), Without(unknown.body, "Zz9Unknown"));
+  EXPECT_EQ(Without(r.body, hash), Without(stranger.Get("Zz9Unknown").body, "Zz9Unknown"));
+
+  // The right password: a cookie and a redirect back to the link (POST, then GET).
+  r = visitor.Post(hash, "password=open+sesame");
+  EXPECT_EQ(303, r.status);
+  EXPECT_EQ("/share?sharing_id=" + hash, r.Header("Location"));
+  ASSERT_EQ(32u, visitor.session().size());
+  EXPECT_EQ("sharing_sid=" + visitor.session() + "; Path=/; HttpOnly; SameSite=Lax",
+            r.Header("Set-Cookie"));
+
+  // In, and still in after a reload.
+  for (int reload = 0; reload < 2; ++reload) {
+    r = visitor.Get(hash);
+    EXPECT_EQ(200, r.status);
+    EXPECT_TRUE(Has(r, "<dt>title</dt><dd>Holiday pictures</dd>"));
+    EXPECT_TRUE(Has(r, "Shared by alice."));
+    EXPECT_TRUE(Has(r, "name=\"action\" value=\"logout\""));
+  }
+
+  // The same cookie does not open another link.
+  std::string const other = PasswordLink("another");
+  EXPECT_TRUE(Has(visitor.Get(other), "name=\"password\""));
+
+  // A form of another site is refused before anything happens.
+  r = visitor.Post(hash, "action=logout", {{"HTTP_ORIGIN", "http://evil.test"}});
+  EXPECT_EQ(403, r.status);
+  EXPECT_TRUE(Has(visitor.Get(hash), "Holiday pictures"));
+
+  // A GET that names the log-out changes nothing; the POST does.
+  EXPECT_TRUE(Has(visitor.Get(hash, "&action=logout"), "Holiday pictures"));
+  r = visitor.Post(hash, "action=logout");
+  EXPECT_EQ(303, r.status);
+  EXPECT_EQ("/share?sharing_id=" + hash + "&action=logged_out", r.Header("Location"));
+  r = visitor.Get(hash, "&action=logged_out");
+  EXPECT_EQ(200, r.status);
+  EXPECT_TRUE(Has(r, "You have logged out."));
+  EXPECT_TRUE(Has(r, "name=\"password\""));
+  EXPECT_FALSE(Has(r, "Holiday pictures"));
+
+  // Over HTTPS the cookie is Secure as well.
+  r = visitor.Post(hash, "password=open+sesame",
+                   {{"HTTPS", "on"}, {"HTTP_ORIGIN", "https://gate.test"}});
+  EXPECT_EQ(303, r.status);
+  EXPECT_EQ("sharing_sid=" + visitor.session() + "; Path=/; Secure; HttpOnly; SameSite=Lax",
+            r.Header("Set-Cookie"));
+}
+
+TEST_F(GateTest, AccountLinkForAGroup) {
+  Entry entry;
+  entry.set_redirect_type(Entry::REDIRECT_NONE);
+  entry.set_protect_type(Entry::PROTECT_USER);
+  entry.set_protect_groups({"editors"});
+  std::string const hash = Make(entry);
+
+  Visitor alice("192.0.2.20"), bob("192.0.2.21");
+  Response r = alice.Get(hash);
+  EXPECT_TRUE(Has(r, "name=\"zel_username\" type=\"text\""));
+  EXPECT_TRUE(Has(r, "name=\"zel_password\" type=\"password\""));
+  EXPECT_FALSE(Has(r, "name=\"password\""));
+
+  // Bob's right password but no member, and alice's wrong password: the same answer.
+  Response const outsider = bob.Post(hash, "zel_username=bob&zel_password=bob-secret");
+  Response const refused = alice.Post(hash, "zel_username=bob&zel_password=wrong");
+  EXPECT_EQ(403, outsider.status);
+  EXPECT_EQ(outsider.body, refused.body);
+  EXPECT_TRUE(Has(outsider, "value=\"bob\"")) << "the account name is kept in the form";
+
+  r = alice.Post(hash, "zel_username=alice&zel_password=alice-secret");
+  EXPECT_EQ(303, r.status);
+  EXPECT_EQ(32u, alice.session().size());
+  r = alice.Get(hash);
+  EXPECT_EQ(200, r.status);
+  EXPECT_TRUE(Has(r, "Holiday pictures"));
+}
+
+TEST_F(GateTest, HostileInputIsEscapedAndRedirectsAreChecked) {
+  Visitor visitor("192.0.2.30");
+  std::string const evil = "%22%3E%3Cscript%3Ealert(1)%3C/script%3E";
+  Response r = visitor.Get(evil);
+  EXPECT_FALSE(Has(r, "<script")) << r.body;
+  EXPECT_TRUE(Has(r, "sharing_id=%22%3E%3Cscript%3Ealert%281%29%3C%2Fscript%3E\""));
+  r = visitor.Post(evil, "zel_username=%3Cb%3E%22x%27&zel_password=x&password=y");
+  EXPECT_EQ(403, r.status);
+  EXPECT_FALSE(Has(r, "<script"));
+
+  Entry entry;
+  entry.set_protect_type(Entry::PROTECT_USER);
+  entry.set_protect_users({"alice"});
+  std::string const account = Make(entry);
+  r = visitor.Post(account, "zel_username=%3Cb%3E%22x%27&zel_password=x");
+  EXPECT_TRUE(Has(r, "value=\"&lt;b&gt;&quot;x&#39;\"")) << r.body;
+  EXPECT_FALSE(Has(r, "<b>"));
+
+  // The application's data is the owner's text, shown as text.
+  Json::Value app(Json::objectValue);
+  app["<i>key</i>"] = "<img src=x onerror=alert(1)>";
+  app["list"].append("a&b");
+  Entry open;
+  open.set_protect_type(Entry::PROTECT_NONE);
+  open.set_redirect_type(Entry::REDIRECT_NONE);
+  open.set_app(app);
+  std::string const hash = Make(open);
+  r = visitor.Get(hash);
+  EXPECT_TRUE(Has(r, "Press Open")) << "an open link asks before it counts a use";
+  EXPECT_EQ(303, visitor.Post(hash, "").status);
+  r = visitor.Get(hash);
+  EXPECT_TRUE(Has(r, "<dt>&lt;i&gt;key&lt;/i&gt;</dt><dd>&lt;img src=x onerror=alert(1)&gt;</dd>"))
+      << r.body;
+  EXPECT_TRUE(Has(r, "<dd>[&quot;a&amp;b&quot;]</dd>"));
+
+  // Redirect settings: followed when the target is a web address or a path here; a header
+  // break, a scheme of its own or "//host" shows the content page instead.
+  struct Case {
+    Entry::RedirectType type;
+    std::string uri;
+    std::string location;  // "" for no redirect
+  } const cases[] = {
+      {Entry::REDIRECT_ALWAYS, "https://example.org/x", "https://example.org/x"},
+      {Entry::REDIRECT_URLPARAM, "/app?x=1#top", "/app?x=1&sharing_id=@#top"},
+      {Entry::REDIRECT_URLPARAM, "/app", "/app?sharing_id=@"},
+      {Entry::REDIRECT_ALWAYS, "/ok\r\nSet-Cookie: a=b", ""},
+      {Entry::REDIRECT_ALWAYS, "javascript:alert(1)", ""},
+      {Entry::REDIRECT_ALWAYS, "//evil.test/", ""},
+      {Entry::REDIRECT_ALWAYS, "", ""},
+      {Entry::REDIRECT_NONE, "https://example.org/x", ""},
+  };
+  for (auto const& c : cases) {
+    Entry link;
+    link.set_protect_type(Entry::PROTECT_NONE);
+    link.set_redirect_type(c.type);
+    link.set_redirect_uri(c.uri);
+    std::string const h = Make(link);
+    ASSERT_EQ(303, visitor.Post(h, "").status);
+    r = visitor.Get(h);
+    std::string want = c.location;
+    if (want.find('@') != std::string::npos) want.replace(want.find('@'), 1, h);
+    EXPECT_EQ(want.empty() ? 200 : 303, r.status) << c.uri;
+    EXPECT_EQ(want, r.Header("Location")) << c.uri;
+    for (auto const& line : r.headers) EXPECT_NE(0u, line.find("Set-Cookie: a=b")) << c.uri;
+  }
+}
+
+TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
+  // A random IPv6 /64 of the documentation range, so that earlier runs' counts do not count.
+  std::mt19937 draw(static_cast<unsigned>(time(nullptr)) ^ static_cast<unsigned>(getpid()));
+  char address[64];
+  snprintf(address, sizeof address, "2001:db8:%x:%x::7", static_cast<unsigned>(draw() & 0xffff),
+           static_cast<unsigned>(draw() & 0xffff));
+  std::string const hash = PasswordLink();
+  Visitor attacker(address);
+  Response r;
+  for (int i = 0; i < 10; ++i) r = attacker.Post(hash, "password=guess" + std::to_string(i));
+  EXPECT_EQ(403, r.status);
+  r = attacker.Post(hash, "password=open+sesame");
+  EXPECT_EQ(429, r.status) << "blocked even with the right password";
+  EXPECT_EQ("600", r.Header("Retry-After"));
+  EXPECT_TRUE(Has(r, "wait about ten minutes"));
+  EXPECT_TRUE(attacker.session().empty());
+
+  // A link used up: the second visitor is told so.
+  Entry once;
+  once.set_protect_type(Entry::PROTECT_NONE);
+  once.set_redirect_type(Entry::REDIRECT_NONE);
+  once.set_expire_times(1);
+  std::string const single = Make(once);
+  Visitor first("192.0.2.40"), second("192.0.2.41");
+  EXPECT_EQ(303, first.Post(single, "").status);
+  r = second.Post(single, "");
+  EXPECT_EQ(410, r.status);
+  EXPECT_TRUE(Has(r, "used up"));
+
+  // Ended after the visitor came in: "no longer valid"; the address bound to the session.
+  Entry bound;
+  bound.set_protect_type(Entry::PROTECT_NONE);
+  bound.set_redirect_type(Entry::REDIRECT_NONE);
+  bound.set_enable_match_ip(true);
+  std::string const pinned = Make(bound);
+  Visitor mover("192.0.2.50");
+  EXPECT_EQ(303, mover.Post(pinned, "").status);
+  EXPECT_EQ(200, mover.Get(pinned).status);
+  mover.set_address("192.0.2.51");
+  r = mover.Get(pinned);
+  EXPECT_TRUE(Has(r, "Your network address has changed")) << r.body;
+  EXPECT_TRUE(Has(r, "Press Open"));
+  mover.set_address("192.0.2.50");
+  EntryDB entries(SharingDB::Instance());
+  Entry stored;
+  ASSERT_TRUE(entries.GetByHash(pinned, stored));
+  stored.set_enabled(false);
+  ASSERT_TRUE(entries.Update(stored));
+  r = mover.Get(pinned);
+  EXPECT_EQ(410, r.status);
+  EXPECT_TRUE(Has(r, "no longer valid"));
+
+  // No link, another method, an unreadable body, HEAD without a body.
+  r = RunGate({{"REQUEST_METHOD", "GET"}, {"REMOTE_ADDR", "192.0.2.60"}});
+  EXPECT_EQ(404, r.status);
+  r = RunGate({{"REQUEST_METHOD", "PUT"}, {"QUERY_STRING", "sharing_id=" + hash}});
+  EXPECT_EQ(405, r.status);
+  EXPECT_EQ("GET, HEAD, POST", r.Header("Allow"));
+  r = RunGate({{"REQUEST_METHOD", "POST"},
+               {"QUERY_STRING", "sharing_id=" + hash},
+               {"CONTENT_TYPE", "application/x-www-form-urlencoded"},
+               {"CONTENT_LENGTH", "12x"}},
+              "password=abc");
+  EXPECT_EQ(400, r.status);
+  r = RunGate({{"REQUEST_METHOD", "HEAD"},
+               {"QUERY_STRING", "sharing_id=" + hash},
+               {"REMOTE_ADDR", "192.0.2.60"}});
+  EXPECT_EQ(200, r.status);
+  EXPECT_EQ("", r.body);
+}
+
+}  // namespace

@@ -1,0 +1,13 @@
+# The visitor gate run as the web server runs it: a child process with a CGI environment and a
+# request body on standard input, no server in between.
+if(TARGET kovasharing-gate)
+  add_executable(test_gate ${CMAKE_CURRENT_LIST_DIR}/gate_cgi_test.cpp)
+  target_compile_options(test_gate PRIVATE ${KOVA_WARNINGS})
+  target_link_libraries(test_gate PRIVATE kovatest_support kovasharing)
+  target_compile_definitions(test_gate PRIVATE
+    KOVA_GATE_BINARY="$<TARGET_FILE:kovasharing-gate>")
+  add_dependencies(test_gate kovasharing-gate kova_schema)
+  add_test(NAME gate COMMAND test_gate)
+  set_tests_properties(gate PROPERTIES ENVIRONMENT "${KOVA_PAM_TEST_ENV}"
+    RESOURCE_LOCK kova_root TIMEOUT 300)
+endif()
