@@ -1,0 +1,503 @@
+// The administrator tool, run as a real child process against this build's sharing database.
+// Visitors log in through the library in this process, so the tool sees real sessions and
+// tokens; raw SQL is used only to look at rows and to age them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/reader.h>
+#include <kovasharing/kovasharing.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kova_paths.h"
+#include "kovatest.h"
+
+extern char** environ;
+
+namespace {
+
+using KOVA::sharing::db::Result;
+using KOVA::sharing::db::Row;
+using KOVA::sharing::db::SharingDB;
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+// The test's environment without pam_wrapper: the tool logs nobody in, and each process
+// that loads pam_wrapper sets up a directory of its own under /tmp, which other processes
+// starting at the same moment may fight over.
+std::vector<std::string> ToolEnvironment() {
+  std::vector<std::string> out;
+  for (char** var = environ; *var != nullptr; ++var) {
+    std::string const text = *var;
+    if (text.compare(0, 11, "PAM_WRAPPER") == 0) continue;
+    if (text.compare(0, 11, "LD_PRELOAD=") != 0) {
+      out.push_back(text);
+      continue;
+    }
+    std::string kept = "LD_PRELOAD=";
+    size_t start = 11;
+    while (start <= text.size()) {
+      size_t end = text.find(':', start);
+      if (end == std::string::npos) end = text.size();
+      std::string const lib = text.substr(start, end - start);
+      if (!lib.empty() && lib.find("pam_wrapper") == std::string::npos) {
+        kept += (kept.size() > 11 ? ":" : "") + lib;
+      }
+      start = end + 1;
+    }
+    out.push_back(kept);
+  }
+  return out;
+}
+
+// Runs the tool with `args` and `input` on its standard input.
+Outcome Cli(std::vector<std::string> const& args, std::string const& input = "") {
+  kovatest::TempDir dir;
+  kovatest::WriteFile(dir.File("in"), input);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, dir.File("in").c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, dir.File("out").c_str(), O_WRONLY | O_CREAT, 0600);
+  posix_spawn_file_actions_addopen(&actions, 2, dir.File("err").c_str(), O_WRONLY | O_CREAT, 0600);
+  std::vector<char*> argv{const_cast<char*>(KOVA_CLI_PROGRAM)};
+  for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+  argv.push_back(nullptr);
+  std::vector<std::string> const env = ToolEnvironment();
+  std::vector<char*> envp;
+  for (auto const& var : env) envp.push_back(const_cast<char*>(var.c_str()));
+  envp.push_back(nullptr);
+  pid_t pid = 0;
+  int status = -1;
+  if (posix_spawn(&pid, KOVA_CLI_PROGRAM, &actions, nullptr, argv.data(), envp.data()) == 0 &&
+      waitpid(pid, &status, 0) == pid) {
+    status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  return {status, kovatest::ReadFile(dir.File("out")), kovatest::ReadFile(dir.File("err"))};
+}
+
+Json::Value Parse(std::string const& text) {
+  Json::Value value;
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> const reader(builder.newCharReader());
+  std::string errors;
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
+  return value;
+}
+
+std::vector<std::string> Names(Json::Value const& array) {
+  std::vector<std::string> out;
+  for (auto const& item : array) out.push_back(item.asString());
+  return out;
+}
+
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(db().IsGood());
+    for (char const* table : {"token", "session", "entry"}) {
+      ASSERT_TRUE(db().Execute(std::string("DELETE FROM ") + table));
+    }
+  }
+  static SharingDB& db() { return SharingDB::Instance(); }
+
+  // The first column of the first row of `sql`, as text.
+  std::string Value(std::string const& sql) {
+    Result result;
+    Row row;
+    if (!db().Execute(sql, result) || !result.NextRow(row)) return "<none>";
+    return row.GetField("v").AsString("<null>");
+  }
+  int Rows(char const* table) {
+    return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
+  }
+
+  // Makes a link with the tool; returns its hash.
+  std::string Create(std::vector<std::string> args, std::string const& input = "") {
+    args.insert(args.begin(), "create");
+    Outcome const run = Cli(args, input);
+    EXPECT_EQ(0, run.status) << run.err;
+    EXPECT_EQ(10u, run.out.size()) << run.out;  // the hash and a line break
+    return run.out.substr(0, run.out.find('\n'));
+  }
+  Json::Value Show(std::string const& hash) {
+    Outcome const run = Cli({"show", hash, "--json"});
+    EXPECT_EQ(0, run.status) << run.err;
+    return Parse(run.out);
+  }
+  Json::Value ListJson(std::vector<std::string> args) {
+    args.insert(args.begin(), {"--json", "list"});
+    Outcome const run = Cli(args);
+    EXPECT_EQ(0, run.status) << run.err;
+    return Parse(run.out);
+  }
+  std::vector<std::string> ListedHashes(std::vector<std::string> args) {
+    std::vector<std::string> out;
+    Json::Value const list = ListJson(std::move(args));
+    for (auto const& entry : list["entries"]) {
+      out.push_back(entry["hash"].asString());
+    }
+    return out;
+  }
+
+  // A visitor's login from `addr`; the session id on success, "" otherwise.
+  static int Login(std::string& sid, std::string const& hash, char const* addr,
+                   char const* password, char const* user = nullptr) {
+    setenv("REMOTE_ADDR", addr, 1);
+    _tag_sharing_login_params const params = {hash.c_str(), user ? nullptr : password, user,
+                                              user ? password : nullptr, nullptr};
+    return KOVA::KovaSharingLogin(sid, &params, false);
+  }
+  static int Check(std::string const& sid, std::string const& hash, char const* addr) {
+    setenv("REMOTE_ADDR", addr, 1);
+    _tag_sharing_login_params const params = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
+    return KOVA::KovaSharingIsAuthorized(&params);
+  }
+};
+
+TEST_F(CliTest, CreatesEachKindOfProtection) {
+  // No protection, with every other field given.
+  std::string const open = Create({"--project",      "photos",
+                                   "--owner",        "alice",
+                                   "--app",          R"({"path":"/a"})",
+                                   "--max-uses",     "3",
+                                   "--start-at",     "2024-01-02 03:04:05",
+                                   "--expire-at",    "2030-06-07 08:09:10",
+                                   "--match-ip",     "no",
+                                   "--redirect",     "always",
+                                   "--redirect-uri", "https://example.org/x",
+                                   "--title",        "Summer"});
+  for (char c : open) EXPECT_TRUE(isalnum(static_cast<unsigned char>(c))) << open;
+  Json::Value shown = Show(open);
+  EXPECT_EQ("alice", shown["owner_user"].asString());
+  EXPECT_EQ("photos", shown["project_name"].asString());
+  EXPECT_EQ("2024-01-02 03:04:05", shown["start_at"].asString());
+  EXPECT_EQ("2030-06-07 08:09:10", shown["expire_at"].asString());
+  EXPECT_EQ(3, shown["expire_times"].asInt());
+  EXPECT_FALSE(shown["enable_match_ip"].asBool());
+  EXPECT_EQ("none", shown["protect_type"].asString());
+  EXPECT_EQ("Summer", shown["protect_title"].asString());
+  EXPECT_EQ("always", shown["redirect_type"].asString());
+  EXPECT_EQ("https://example.org/x", shown["redirect_uri"].asString());
+  EXPECT_EQ("/a", shown["app"]["path"].asString());
+  // Local time (UTC in tests) really stored as those seconds, not only read back alike.
+  EXPECT_EQ("1704164645", Value("SELECT start_at AS v FROM entry WHERE hash = '" + open + "'"));
+
+  // A password from standard input; the JSON answer names the new hash.
+  Outcome const made =
+      Cli({"create", "--project", "docs", "--owner", "bob", "--password-stdin", "--json"},
+          "pass phrase\n");
+  ASSERT_EQ(0, made.status) << made.err;
+  Json::Value const pw = Parse(made.out);
+  EXPECT_EQ("password", pw["protect_type"].asString());
+  std::string sid;
+  EXPECT_EQ(-9, Login(sid, pw["hash"].asString(), "192.0.2.11", "pass"));
+  EXPECT_EQ(1, Login(sid, pw["hash"].asString(), "192.0.2.11", "pass phrase"));
+  std::string const md5 =
+      Create({"--project", "docs", "--owner", "bob", "--password", "m", "--password-algo", "md5"});
+  EXPECT_EQ(1, Login(sid, md5, "192.0.2.11", "m"));
+
+  // Users and groups; the accounts' own case of the name is kept.
+  std::string const users = Create({"--project", "review", "--owner", "carol", "--users", "alice",
+                                    "--users", "Dave", "--groups", "viewers"});
+  shown = Show(users);
+  EXPECT_EQ("user", shown["protect_type"].asString());
+  EXPECT_EQ((std::vector<std::string>{"alice", "Dave"}), Names(shown["protect_users"]));
+  EXPECT_EQ((std::vector<std::string>{"viewers"}), Names(shown["protect_groups"]));
+  EXPECT_EQ(-10, Login(sid, users, "192.0.2.12", "bob-secret", "bob"));
+  EXPECT_EQ(1, Login(sid, users, "192.0.2.12", "carol-secret", "carol"));  // a viewer
+  // A name made later is kept only when asked for.
+  std::string const later = Create(
+      {"--project", "review", "--owner", "carol", "--users", "zed,alice", "--allow-unknown"});
+  EXPECT_EQ((std::vector<std::string>{"alice", "zed"}), Names(Show(later)["protect_users"]));
+}
+
+TEST_F(CliTest, ListsWithFiltersAndPages) {
+  std::vector<std::string> h;
+  h.push_back(Create({"--project", "p1", "--owner", "alice"}));
+  h.push_back(Create({"--project", "p1", "--owner", "alice", "--enabled", "no"}));
+  h.push_back(
+      Create({"--project", "p1", "--owner", "alice", "--expire-at", "2020-01-01 00:00:00"}));
+  h.push_back(Create({"--project", "p2", "--owner", "bob", "--max-uses", "1"}));
+  h.push_back(Create({"--project", "p2", "--owner", "bob"}));
+  ASSERT_EQ(0, Cli({"update", h[3], "--use-count", "1"}).status);  // used up
+
+  EXPECT_EQ(h, ListedHashes({}));
+  EXPECT_EQ((std::vector<std::string>{h[0], h[1], h[2]}), ListedHashes({"--owner", "alice"}));
+  EXPECT_EQ((std::vector<std::string>{h[3], h[4]}), ListedHashes({"--project", "p2"}));
+  EXPECT_EQ((std::vector<std::string>{h[1]}), ListedHashes({"--enabled", "no"}));
+  EXPECT_EQ((std::vector<std::string>{h[2], h[3]}), ListedHashes({"--expired", "yes"}));
+  EXPECT_EQ((std::vector<std::string>{h[0], h[1], h[4]}), ListedHashes({"--expired", "no"}));
+  EXPECT_EQ((std::vector<std::string>{h[1]}),
+            ListedHashes({"--expired", "no", "--owner", "alice", "--enabled", "no"}));
+
+  // Pages of two, in creation order; the total counts every match, not the page.
+  Json::Value page = ListJson({"--page-size", "2", "--page", "2"});
+  EXPECT_EQ(5, page["total"].asInt());
+  EXPECT_EQ(2, page["page"].asInt());
+  EXPECT_EQ((std::vector<std::string>{h[2], h[3]}),
+            ListedHashes({"--page-size", "2", "--page", "2"}));
+  EXPECT_EQ((std::vector<std::string>{h[4]}), ListedHashes({"--page-size", "2", "--page", "3"}));
+  EXPECT_TRUE(ListedHashes({"--page-size", "2", "--page", "4"}).empty());
+
+  // The table: a header, one row a link, a footer.
+  Outcome const table = Cli({"list", "--owner", "bob"});
+  ASSERT_EQ(0, table.status);
+  EXPECT_EQ(0u, table.out.find("HASH "));
+  EXPECT_NE(std::string::npos, table.out.find("\n" + h[3] + "  p2       bob    yes"));
+  EXPECT_NE(std::string::npos, table.out.find("1/1"));
+  EXPECT_NE(std::string::npos, table.out.find("(entries 1-2 of 2, page 1)\n"));
+}
+
+TEST_F(CliTest, ShowsLiveSessionsAndLogsThemOut) {
+  std::string const hash = Create({"--project", "team", "--owner", "alice", "--groups", "editors"});
+  std::string alice, dave;
+  ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
+  ASSERT_EQ(1, Login(dave, hash, "192.0.2.32", "dave-secret", "Dave"));
+
+  Json::Value sessions = Show(hash)["sessions"];
+  ASSERT_EQ(2u, sessions.size());
+  EXPECT_EQ(alice, sessions[0]["session_id"].asString());
+  EXPECT_EQ("192.0.2.31", sessions[0]["ip"].asString());
+  EXPECT_EQ("alice", sessions[0]["account"].asString());
+  EXPECT_EQ("Dave", sessions[1]["account"].asString());
+  // A day ahead, as the login set it.
+  time_t const tomorrow = time(nullptr) + 86400;
+  char day[16];
+  strftime(day, sizeof day, "%Y-%m-%d", gmtime(&tomorrow));
+  EXPECT_EQ(0u, sessions[0]["expire_at"].asString().find(day));
+
+  Outcome const table = Cli({"show", hash});
+  EXPECT_NE(std::string::npos, table.out.find("2 live sessions\n"));
+  EXPECT_NE(std::string::npos, table.out.find(alice + "  192.0.2.31  alice"));
+
+  // An expired token no longer counts as a live session.
+  ASSERT_TRUE(
+      db().Execute("UPDATE token SET timeout = 1 WHERE session_id = (SELECT id FROM "
+                   "session WHERE session_id = '" +
+                   dave + "')"));
+  EXPECT_EQ(1u, Show(hash)["sessions"].size());
+
+  Outcome const out = Cli({"logout", hash, "--", alice});
+  EXPECT_EQ(0, out.status) << out.err;
+  EXPECT_EQ("logged out " + alice + " from " + hash + "\n", out.out);
+  EXPECT_NE(1, Check(alice, hash, "192.0.2.31"));
+  EXPECT_EQ(0u, Show(hash)["sessions"].size());
+  EXPECT_EQ(2, Rows("session"));  // the sessions themselves stay
+  Outcome const again = Cli({"logout", hash, "--", alice});
+  EXPECT_EQ(6, again.status);
+  EXPECT_EQ("kovasharing: session \"" + alice + "\" is not logged in to " + hash + "\n", again.err);
+
+  ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
+  Json::Value const done = Parse(Cli({"logout", "--json", hash, "--", alice}).out);
+  EXPECT_TRUE(done["logged_out"].asBool());
+  EXPECT_EQ(alice, done["session_id"].asString());
+}
+
+TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
+  std::string const hash =
+      Create({"--project", "docs", "--owner", "alice", "--password", "old-pw"});
+  std::string const where = " FROM entry WHERE hash = '" + hash + "'";
+  std::string const data_before = Value("SELECT data AS v" + where);
+  std::string sid;
+  ASSERT_EQ(1, Login(sid, hash, "192.0.2.41", "old-pw"));
+
+  Outcome const changed = Cli({"update", hash, "--password-stdin"}, "new-pw\n");
+  ASSERT_EQ(0, changed.status) << changed.err;
+  EXPECT_EQ("updated " + hash + " (earlier logins ended)\n", changed.out);
+  Json::Value const before = Parse(data_before);
+  Json::Value const after = Parse(Value("SELECT data AS v" + where));
+  EXPECT_NE(before["protect_password_salt"], after["protect_password_salt"]);
+  EXPECT_NE(before["protect_password"], after["protect_password"]);
+  EXPECT_EQ(40u, after["protect_password"].asString().size());
+  EXPECT_NE(1, Check(sid, hash, "192.0.2.41"));  // admitted under the old password: out
+  std::string fresh;
+  EXPECT_EQ(-9, Login(fresh, hash, "192.0.2.41", "old-pw"));
+  EXPECT_EQ(1, Login(fresh, hash, "192.0.2.41", "new-pw"));
+
+  // Other fields leave earlier logins alone.
+  Outcome const fields =
+      Cli({"update", hash, "--project", "renamed", "--owner", "bob", "--enabled", "no",
+           "--max-uses", "5", "--start-at", "2025-05-05 05:05:05", "--json"});
+  ASSERT_EQ(0, fields.status) << fields.err;
+  Json::Value const json = Parse(fields.out);
+  EXPECT_EQ("renamed", json["project_name"].asString());
+  EXPECT_EQ("bob", json["owner_user"].asString());
+  EXPECT_FALSE(json["enabled"].asBool());
+  EXPECT_EQ(5, json["expire_times"].asInt());
+  EXPECT_EQ("2025-05-05 05:05:05", json["start_at"].asString());
+  EXPECT_EQ(1, Rows("token"));
+  ASSERT_EQ(0, Cli({"update", hash, "--use-count", "2", "--start-at", "none"}).status);
+  EXPECT_EQ(2, Show(hash)["use_count"].asInt());
+  EXPECT_EQ("", Show(hash)["start_at"].asString());
+  // Back to no protection: anyone comes in once switched on.
+  ASSERT_EQ(0, Cli({"update", hash, "--no-protection", "--enabled", "yes"}).status);
+  EXPECT_EQ(1, Login(fresh, hash, "192.0.2.42", nullptr));
+}
+
+TEST_F(CliTest, DeletesByHashAndByOwner) {
+  std::string const a1 = Create({"--project", "p", "--owner", "alice"});
+  std::string const b1 = Create({"--project", "p", "--owner", "bob"});
+  std::string const b2 = Create({"--project", "q", "--owner", "bob"});
+  std::string sid;
+  ASSERT_EQ(1, Login(sid, b1, "192.0.2.51", nullptr));
+  ASSERT_EQ(1, Login(sid, a1, "192.0.2.51", nullptr));
+
+  Outcome const one = Cli({"delete", a1});
+  EXPECT_EQ(0, one.status) << one.err;
+  EXPECT_EQ("deleted 1 entry\n", one.out);
+  EXPECT_EQ(4, Cli({"show", a1}).status);
+  EXPECT_EQ(1, Rows("token"));  // its visitor's access went with it
+
+  Outcome const owner = Cli({"delete", "--owner", "bob", "--json"});
+  EXPECT_EQ(0, owner.status) << owner.err;
+  EXPECT_EQ(2, Parse(owner.out)["deleted"].asInt());
+  EXPECT_EQ(0, Rows("entry"));
+  EXPECT_EQ(0, Rows("token"));
+  EXPECT_EQ("deleted 0 entries\n", Cli({"delete", "--owner", "carol"}).out);
+}
+
+TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
+  std::string const gone = Create({"--project", "p", "--owner", "alice"});
+  std::string const kept = Create({"--project", "p", "--owner", "alice", "--auto-gc", "no",
+                                   "--expire-at", "2020-01-01 00:00:00"});
+  std::string const used = Create({"--project", "p", "--owner", "alice", "--max-uses", "1"});
+  std::string const live = Create({"--project", "p", "--owner", "alice"});
+  std::vector<std::string> sids(3);
+  ASSERT_EQ(1, Login(sids[0], gone, "192.0.2.61", nullptr));
+  for (int i = 0; i < 3; ++i) {
+    std::string const addr = "192.0.2.6" + std::to_string(i + 2);
+    ASSERT_EQ(1, Login(sids[i], live, addr.c_str(), nullptr));
+  }
+  ASSERT_EQ(0, Cli({"update", gone, "--expire-at", "2020-01-01 00:00:00"}).status);
+  ASSERT_EQ(0, Cli({"update", used, "--use-count", "1"}).status);
+  ASSERT_TRUE(db().Execute("UPDATE session SET timeout = 1 WHERE session_id = '" + sids[0] + "'"));
+  ASSERT_TRUE(
+      db().Execute("UPDATE token SET timeout = 1 WHERE session_id = (SELECT id FROM "
+                   "session WHERE session_id = '" +
+                   sids[1] + "')"));
+  ASSERT_EQ(4, Rows("session"));
+  ASSERT_EQ(4, Rows("token"));
+
+  // Entries: the expired and the used-up one; sessions: one aged; tokens: the aged one and
+  // the one of the purged entry.
+  Outcome const first = Cli({"purge", "--json"});
+  ASSERT_EQ(0, first.status) << first.err;
+  Json::Value const counts = Parse(first.out);
+  EXPECT_EQ(2, counts["entries"].asInt());
+  EXPECT_EQ(1, counts["sessions"].asInt());
+  EXPECT_EQ(2, counts["tokens"].asInt());
+  EXPECT_EQ((std::vector<std::string>{kept, live}), ListedHashes({}));
+  EXPECT_EQ(3, Rows("session"));
+  EXPECT_EQ(2, Rows("token"));
+
+  EXPECT_EQ("purged 0 entries, 0 sessions, 0 tokens\n", Cli({"purge"}).out);
+  EXPECT_EQ("purged 1 entry, 0 sessions, 0 tokens\n", Cli({"purge", "--all"}).out);
+  EXPECT_EQ((std::vector<std::string>{live}), ListedHashes({}));
+}
+
+TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
+  std::string const hash = Create({"--project", "p", "--owner", "alice"});
+  std::vector<std::string> const base = {"create", "--project", "p", "--owner", "alice"};
+  auto with = [&base](std::vector<std::string> more) {
+    more.insert(more.begin(), base.begin(), base.end());
+    return more;
+  };
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string message;
+  };
+  std::vector<Case> const cases = {
+      {{}, 2, "no command given"},
+      {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
+      {{"list", "--bogus"}, 2, "list: unknown option --bogus"},
+      {{"list", "--page"}, 2, "--page needs a value"},
+      {{"list", "--page", "0"}, 2, "--page: \"0\" is not a whole number from 1"},
+      {{"show"}, 2, "show: missing HASH"},
+      {{"show", hash, "extra"}, 2, "unexpected argument extra"},
+      {{"create", "--project", "p"}, 2, "--owner is required"},
+      {with({"--max-uses", "x"}), 2, "--max-uses: \"x\" is not a whole number"},
+      {with({"--app", "[1]"}), 2, "--app: not a JSON object"},
+      {with({"--password", "x", "--users", "bob"}), 2, "choose one protection"},
+      {with({"--password-stdin"}), 2, "the password is empty"},
+      {with({"--enabled", "maybe"}), 2, "neither yes nor no"},
+      {{"update", hash}, 2, "update: nothing to change"},
+      {{"delete"}, 2, "missing HASH or --owner USER"},
+      {with({"--expire-at", "tomorrow"}), 3, "not a local time of the form YYYY-MM-DD HH:MM:SS"},
+      {with({"--start-at", "2024-13-01 00:00:00"}), 3, "--start-at"},
+      {with({"--expire-at", "2024-02-30 12:00:00"}), 3, "is not a valid local time"},
+      {{"update", hash, "--start-at", "2024-1-2 3:4:5"}, 3, "not a local time"},
+      {{"show", "nohash"}, 4, "no entry with hash \"nohash\""},
+      {{"update", "nohash", "--title", "t"}, 4, "no entry with hash"},
+      {{"delete", "nohash"}, 4, "no entry with hash"},
+      {{"logout", "nohash", "sid"}, 4, "no entry with hash"},
+      {{"create", "--project", "p", "--owner", "zed"}, 5, "no user named \"zed\""},
+      {{"list", "--owner", "zed"}, 5, "no user named"},
+      {{"delete", "--owner", "zed"}, 5, "no user named"},
+      {with({"--users", "alice,zed"}), 5, "no user named \"zed\" (--allow-unknown"},
+      {with({"--groups", "nogroup"}), 5, "no group named \"nogroup\""},
+      {{"logout", hash, "no-such-session"}, 6, "no live session \"no-such-session\""},
+      {{"logout", hash, "-dash-first"}, 6, "no live session \"-dash-first\""},
+  };
+  for (auto const& c : cases) {
+    std::string const line = ::testing::PrintToString(c.args);
+    Outcome const run = Cli(c.args);
+    EXPECT_EQ(c.status, run.status) << line << ": " << run.err;
+    EXPECT_EQ("", run.out) << line;
+    EXPECT_EQ(0u, run.err.find("kovasharing: ")) << line << ": " << run.err;
+    EXPECT_NE(std::string::npos, run.err.find(c.message)) << line << ": " << run.err;
+    EXPECT_EQ(run.err.size() - 1, run.err.find('\n')) << line << ": " << run.err;
+  }
+  EXPECT_EQ(1, Rows("entry"));  // no failed create stored anything
+
+  // A database the system account cannot reach.
+  std::string const dir = kovatest::Root() + "/usr/kova/etc/private/session/sharing";
+  ASSERT_EQ(0, chmod(dir.c_str(), 0));
+  Outcome const closed = Cli({"list"});
+  chmod(dir.c_str(), 0770);
+  if (kovatest::RealRoot()) {
+    EXPECT_EQ(7, closed.status) << closed.err;
+    EXPECT_EQ("kovasharing: the sharing database " KOVA_SHARING_DB_FILE
+              " cannot be opened or migrated (run as root)\n",
+              closed.err);
+  }
+  EXPECT_EQ(0, Cli({"list"}).status);
+}
+
+TEST_F(CliTest, HelpForEveryCommandAndTheManualPage) {
+  Outcome const overview = Cli({"--help"});
+  EXPECT_EQ(0, overview.status);
+  std::string const manual = kovatest::ReadFile(KOVA_CLI_MANPAGE);
+  ASSERT_FALSE(manual.empty());
+  for (std::string const name : {"create", "list", "show", "update", "delete", "purge", "logout"}) {
+    Outcome const help = Cli({name, "--help"});
+    EXPECT_EQ(0, help.status) << name;
+    EXPECT_EQ(0u, help.out.find("Usage: kovasharing " + name)) << help.out;
+    EXPECT_EQ(help.out, Cli({"help", name}).out);
+    EXPECT_NE(std::string::npos, overview.out.find("\n  " + name + " ")) << name;
+    EXPECT_NE(std::string::npos, manual.find(".SS \"" + name)) << name;
+  }
+  // Both list every exit status the tool uses.
+  for (int status = 0; status <= 7; ++status) {
+    EXPECT_NE(std::string::npos, overview.out.find("\n  " + std::to_string(status) + "  "));
+    EXPECT_NE(std::string::npos, manual.find(".B " + std::to_string(status) + "\n"));
+  }
+  EXPECT_EQ(0u, Cli({"--version"}).out.find("kovasharing 1."));
+  // Well-formed roff, where a formatter is at hand.
+  EXPECT_EQ(
+      0, kovatest::Shell(
+             "! command -v groff >/dev/null || test -z \"$(env -u LD_PRELOAD groff -man -ww -z " +
+             std::string(KOVA_CLI_MANPAGE) + " 2>&1)\""));
+}
+
+}  // namespace

@@ -1,0 +1,682 @@
+// The subcommands. Everything goes through the library's public API on the process's one
+// sharing database; where that API does not answer a question directly (how many rows a
+// purge removed, which sessions hold a link), the answer is made of what it does offer:
+// conditions with Count and Query on the stores, inside one write transaction so that the
+// counts are those of the change itself.
+#include "commands.h"
+
+#include <kovasharing/kovasharing.h>
+
+#include <algorithm>
+#include <ctime>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "help.h"
+#include "output.h"
+#include "status.h"
+
+namespace kovacli {
+namespace {
+
+using KOVA::sharing::UID_ERR;
+using KOVA::sharing::db::BaseDB;
+using KOVA::sharing::db::Condition;
+using KOVA::sharing::db::EntryDB;
+using KOVA::sharing::db::SessionDB;
+using KOVA::sharing::db::SharingDB;
+using KOVA::sharing::db::TokenDB;
+using KOVA::sharing::record::Entry;
+using KOVA::sharing::record::Session;
+using KOVA::sharing::record::Token;
+
+// What the entry purge of the library removes, as an SQL filter at the time `now`; "all"
+// also takes entries that ask to be kept (auto_gc off).
+std::string ExpiredFilter(long now) {
+  return "((expire_at != 0 AND expire_at < " + std::to_string(now) +
+         ") OR (expire_times != 0 AND use_count >= expire_times))";
+}
+
+SharingDB& Database() {
+  SharingDB& db = SharingDB::Instance();
+  if (!db.IsGood()) {
+    throw Error(kDatabase, std::string("the sharing database ") +
+                               KOVA::sharing::SZF_SHARING_DB_PATH +
+                               " cannot be opened or migrated (run as root)");
+  }
+  return db;
+}
+
+[[noreturn]] void DatabaseFailure(BaseDB& db, std::string const& what) {
+  std::string const detail = db.GetLastError();
+  throw Error(kDatabase, what + (detail.empty() ? "" : ": " + OneLine(detail)));
+}
+
+// One write transaction taken at once, so that counts read inside it match what the
+// statements inside it change. Rolled back unless committed. The stores used inside must
+// outlive it: each store checkpoints the log when it goes, which must not happen mid-way.
+class WriteTransaction {
+ public:
+  explicit WriteTransaction(BaseDB& db) : db_(db) {
+    if (!db_.Execute("BEGIN IMMEDIATE")) DatabaseFailure(db_, "cannot lock the database");
+    open_ = true;
+  }
+  ~WriteTransaction() {
+    if (open_) db_.Execute("ROLLBACK");
+  }
+  void Commit() {
+    open_ = false;
+    if (!db_.Commit()) DatabaseFailure(db_, "cannot commit the change");
+  }
+
+ private:
+  BaseDB& db_;
+  bool open_ = false;
+};
+
+// Rows the store's current condition selects (the whole table when it is empty).
+template <class Store>
+int CountRows(BaseDB& db, Store const& store, char const* table) {
+  int count = 0;
+  if (!store.Count(count)) DatabaseFailure(db, std::string("cannot count the ") + table);
+  return count;
+}
+
+Entry LoadEntry(EntryDB const& store, std::string const& hash) {
+  Entry entry;
+  if (!store.GetByHash(hash, entry)) {
+    throw Error(kUnknownHash, "no entry with hash \"" + OneLine(hash) + "\"");
+  }
+  return entry;
+}
+
+unsigned int UserId(std::string const& name) {
+  unsigned int uid = UID_ERR;
+  if (!KOVA::sharing::UserToUID(name, uid)) {
+    throw Error(kUnknownUser, "no user named \"" + OneLine(name) + "\"");
+  }
+  return uid;
+}
+
+std::string Account(unsigned int uid) {
+  if (uid == UID_ERR) return "";
+  std::string name;
+  return KOVA::sharing::UIDToUser(uid, name) ? name : "uid " + std::to_string(uid);
+}
+
+std::string OwnerText(Entry const& entry) {
+  std::string const name = entry.get_owner_user();
+  return name.empty() ? "uid " + std::to_string(entry.get_owner_uid()) : name;
+}
+
+bool WantsJson(Args const& args) { return args.Has("json"); }
+
+// ---------------------------------------------------------------- entry fields
+
+std::string ReadPassword(Args const& args) {
+  bool const from_stdin = args.Has("password-stdin");
+  if (from_stdin && args.Has("password")) {
+    UsageError(args.command(), "give --password or --password-stdin, not both");
+  }
+  std::string password = args.Get("password");
+  if (from_stdin && !std::getline(std::cin, password)) password.clear();
+  if (!password.empty() && password.back() == '\r') password.pop_back();
+  if (password.empty()) UsageError(args.command(), "the password is empty");
+  return password;
+}
+
+// Checks that every name resolves, unless unknown names are wanted: the library keeps them
+// so that an account made later is admitted, but a typo is the likelier cause.
+void CheckNames(Args const& args, std::vector<std::string> const& names, bool groups) {
+  if (args.Has("allow-unknown")) return;
+  for (auto const& name : names) {
+    unsigned int id = 0;
+    bool const known =
+        groups ? KOVA::sharing::GroupToGID(name, id) : KOVA::sharing::UserToUID(name, id);
+    if (!known) {
+      throw Error(kUnknownUser, std::string("no ") + (groups ? "group" : "user") + " named \"" +
+                                    OneLine(name) + "\" (--allow-unknown keeps it by name)");
+    }
+  }
+}
+
+struct Applied {
+  bool any = false;         // some field was given
+  bool protection = false;  // who may come in changed: earlier logins must not stay valid
+};
+
+// Sets the fields the options name. Values are all checked before the entry is touched, in
+// the order a person reads the command line, so the first mistake is the one reported.
+Applied ApplyFields(Args const& args, Entry& entry) {
+  Applied applied;
+  std::string const cmd = args.command();
+  bool const password = args.Has("password") || args.Has("password-stdin");
+  bool const users = args.Has("users") || args.Has("groups");
+  bool const none = args.Has("no-protection");
+  if (password + users + none > 1) {
+    UsageError(cmd, "choose one protection: a password, users and groups, or none");
+  }
+  if (args.Has("password-algo") && !password) {
+    UsageError(cmd, "--password-algo goes with --password or --password-stdin");
+  }
+
+  if (args.Has("project")) {
+    if (args.Get("project").empty()) UsageError(cmd, "--project: the name is empty");
+    entry.set_project_name(args.Get("project"));
+    applied.any = true;
+  }
+  if (args.Has("owner")) {
+    entry.set_owner_uid(UserId(args.Get("owner")));
+    applied.any = true;
+  }
+  if (args.Has("enabled")) {
+    entry.set_enabled(ParseYesNo(args.Get("enabled"), "--enabled"));
+    applied.any = true;
+  }
+  if (args.Has("start-at")) {
+    entry.set_start_at(ParseTime(args.Get("start-at"), "--start-at"));
+    applied.any = true;
+  }
+  if (args.Has("expire-at")) {
+    entry.set_expire_at(ParseTime(args.Get("expire-at"), "--expire-at"));
+    applied.any = true;
+  }
+  if (args.Has("max-uses")) {
+    entry.set_expire_times(ParseCount(args.Get("max-uses"), "--max-uses", 0, 1000000000));
+    applied.any = true;
+  }
+  if (args.Has("use-count")) {
+    entry.set_use_count(ParseCount(args.Get("use-count"), "--use-count", 0, 1000000000));
+    applied.any = true;
+  }
+  if (args.Has("auto-gc")) {
+    entry.set_auto_gc(ParseYesNo(args.Get("auto-gc"), "--auto-gc"));
+    applied.any = true;
+  }
+  if (args.Has("match-ip")) {
+    entry.set_enable_match_ip(ParseYesNo(args.Get("match-ip"), "--match-ip"));
+    applied.any = true;
+  }
+  if (password) {
+    std::string algo_text = args.Get("password-algo", "default");
+    if (algo_text != "default" && algo_text != "md5") {
+      UsageError(cmd, "--password-algo: \"" + OneLine(algo_text) + "\" is neither default nor md5");
+    }
+    Entry::PasswordEncryptAlgo const algo =
+        algo_text == "md5" ? Entry::ENCRYPT_ALGO_MD5 : Entry::ENCRYPT_ALGO_DEFAULT;
+    entry.set_protect_password(ReadPassword(args), true, algo);
+    entry.set_protect_type(Entry::PROTECT_PASSWORD);
+    applied.any = applied.protection = true;
+  }
+  if (users) {
+    std::vector<std::string> const user_names = args.List("users");
+    std::vector<std::string> const group_names = args.List("groups");
+    if ((args.Has("users") && user_names.empty()) || (args.Has("groups") && group_names.empty())) {
+      UsageError(cmd, "--users and --groups need at least one name");
+    }
+    CheckNames(args, user_names, false);
+    CheckNames(args, group_names, true);
+    if (args.Has("users")) entry.set_protect_users(user_names);
+    if (args.Has("groups")) entry.set_protect_groups(group_names);
+    entry.set_protect_type(Entry::PROTECT_USER);
+    applied.any = applied.protection = true;
+  } else if (args.Has("allow-unknown")) {
+    UsageError(cmd, "--allow-unknown goes with --users or --groups");
+  }
+  if (none) {
+    entry.set_protect_type(Entry::PROTECT_NONE);
+    applied.any = applied.protection = true;
+  }
+  if (args.Has("title")) {
+    entry.set_protect_title(args.Get("title"));
+    applied.any = true;
+  }
+  if (args.Has("redirect")) {
+    std::string const type = args.Get("redirect");
+    if (type == "none") {
+      entry.set_redirect_type(Entry::REDIRECT_NONE);
+    } else if (type == "url_param") {
+      entry.set_redirect_type(Entry::REDIRECT_URLPARAM);
+    } else if (type == "always") {
+      entry.set_redirect_type(Entry::REDIRECT_ALWAYS);
+    } else {
+      UsageError(cmd, "--redirect: \"" + OneLine(type) + "\" is not none, url_param or always");
+    }
+    applied.any = true;
+  }
+  if (args.Has("redirect-uri")) {
+    entry.set_redirect_uri(args.Get("redirect-uri"));
+    applied.any = true;
+  }
+  if (args.Has("app")) {
+    entry.set_app(ParseJsonObject(args.Get("app"), "--app"));
+    applied.any = true;
+  }
+  if (args.Has("private-data")) {
+    entry.set_private_data(ParseJsonObject(args.Get("private-data"), "--private-data"));
+    applied.any = true;
+  }
+  return applied;
+}
+
+void PrintEntryFields(Entry const& entry, Json::Value const& json) {
+  static char const* const kOrder[] = {"hash",
+                                       "project_name",
+                                       "enabled",
+                                       "owner_user",
+                                       "start_at",
+                                       "expire_at",
+                                       "expire_times",
+                                       "use_count",
+                                       "auto_gc",
+                                       "enable_match_ip",
+                                       "protect_type",
+                                       "protect_title",
+                                       "protect_users",
+                                       "protect_groups",
+                                       "redirect_type",
+                                       "redirect_uri",
+                                       "app"};
+  Table table({"FIELD", "VALUE"});
+  for (char const* key : kOrder) {
+    // An owner whose account is gone still has a number worth showing.
+    table.Add({key, std::string(key) == "owner_user" ? OwnerText(entry) : Cell(json[key])});
+  }
+  table.Print(std::cout);
+}
+
+// ---------------------------------------------------------------- create
+
+int RunCreate(Args const& args) {
+  args.ExpectPositional(0, "");
+  if (!args.Has("project")) UsageError("create", "--project is required");
+  if (!args.Has("owner")) UsageError("create", "--owner is required");
+  Entry entry;
+  entry.set_app(Json::Value(Json::objectValue));
+  ApplyFields(args, entry);
+  SharingDB& db = Database();
+  EntryDB store(db);
+  if (!store.CreateWithHash(entry)) DatabaseFailure(db, "cannot store the entry");
+  if (WantsJson(args)) {
+    Json::Value out;
+    entry.ToJSON(out);
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << entry.get_hash() << "\n";
+  }
+  return kOk;
+}
+
+// ---------------------------------------------------------------- list
+
+int RunList(Args const& args) {
+  args.ExpectPositional(0, "");
+  int const page = ParseCount(args.Get("page", "1"), "--page", 1, 1000000);
+  int const size = ParseCount(args.Get("page-size", "50"), "--page-size", 1, 10000);
+  unsigned int const owner = args.Has("owner") ? UserId(args.Get("owner")) : UID_ERR;
+  bool const by_enabled = args.Has("enabled");
+  bool const enabled = by_enabled && ParseYesNo(args.Get("enabled"), "--enabled");
+  bool const by_expired = args.Has("expired");
+  bool const expired = by_expired && ParseYesNo(args.Get("expired"), "--expired");
+  SharingDB& db = Database();
+  long const now = static_cast<long>(time(nullptr));
+
+  EntryDB store(db);
+  // The store's condition lasts for one call, so it is filled again for the query.
+  auto filter = [&](Condition& condition) -> Condition& {
+    if (owner != UID_ERR) condition.Where("owner_uid", std::to_string(owner));
+    if (args.Has("project")) condition.Where("project_name", args.Get("project"));
+    if (by_enabled) condition.Where("enabled", enabled ? "1" : "0");
+    if (by_expired) condition.Where((expired ? "" : "NOT ") + ExpiredFilter(now));
+    return condition;
+  };
+  int total = 0;
+  filter(store.GetCondition());
+  if (!store.Count(total)) DatabaseFailure(db, "cannot count the entries");
+  std::vector<Entry> entries;
+  filter(store.GetCondition()).OrderBy("id", true).Page(page, size);
+  if (!store.Query(entries)) DatabaseFailure(db, "cannot read the entries");
+
+  if (WantsJson(args)) {
+    Json::Value out(Json::objectValue);
+    out["total"] = total;
+    out["page"] = page;
+    out["page_size"] = size;
+    out["entries"] = Json::Value(Json::arrayValue);
+    for (auto const& entry : entries) {
+      Json::Value item;
+      entry.ToJSON(item);
+      out["entries"].append(item);
+    }
+    PrintJson(std::cout, out);
+    return kOk;
+  }
+  Table table({"HASH", "PROJECT", "OWNER", "ENABLED", "START", "EXPIRE", "USES", "PROTECTION"});
+  for (auto const& entry : entries) {
+    Json::Value json;
+    entry.ToJSON(json);
+    std::string const limit =
+        entry.get_expire_times() == 0 ? "-" : std::to_string(entry.get_expire_times());
+    table.Add({entry.get_hash(), Cell(json["project_name"]), OwnerText(entry),
+               Cell(json["enabled"]), Cell(json["start_at"]), Cell(json["expire_at"]),
+               std::to_string(entry.get_use_count()) + "/" + limit, Cell(json["protect_type"])});
+  }
+  table.Print(std::cout);
+  int const first = (page - 1) * size + 1;
+  if (total == 0) {
+    std::cout << "(no entries)\n";
+  } else if (entries.empty()) {
+    std::cout << "(no entries on page " << page << "; " << total << " in all)\n";
+  } else {
+    std::cout << "(entries " << first << "-" << first + static_cast<int>(entries.size()) - 1
+              << " of " << total << ", page " << page << ")\n";
+  }
+  return kOk;
+}
+
+// ---------------------------------------------------------------- show
+
+struct LiveSession {
+  std::string session_id;
+  std::string ip;
+  std::string account;
+  unsigned int uid;
+  long expires;
+};
+
+// Sessions holding a live token for the entry. The stores offer no join, so: the entry's
+// tokens by condition (expired ones read as absent), then each token's session by row id.
+std::vector<LiveSession> LiveSessions(SharingDB& db, Entry const& entry) {
+  TokenDB tokens(db);
+  SessionDB sessions(db);
+  std::vector<Token> found;
+  tokens.GetCondition()
+      .Where("entry_id", std::to_string(entry.get_id()))
+      .Where("timeout > " + std::to_string(static_cast<long>(time(nullptr))))
+      .OrderBy("id", true);
+  if (!tokens.Query(found)) DatabaseFailure(db, "cannot read the tokens");
+  std::vector<LiveSession> out;
+  for (auto const& token : found) {
+    Session session;
+    if (!sessions.GetById(token.get_session_id(), session)) continue;  // gone or expired
+    // A visitor stays in until the earlier of the two runs out.
+    out.push_back({session.get_session_id(), session.get_ip(), Account(session.get_uid()),
+                   session.get_uid(), std::min(session.get_timeout(), token.get_timeout())});
+  }
+  return out;
+}
+
+int RunShow(Args const& args) {
+  args.ExpectPositional(1, "HASH");
+  SharingDB& db = Database();
+  EntryDB store(db);
+  Entry const entry = LoadEntry(store, args.positional()[0]);
+  std::vector<LiveSession> const live = LiveSessions(db, entry);
+  Json::Value out;
+  entry.ToJSON(out);
+  if (WantsJson(args)) {
+    out["sessions"] = Json::Value(Json::arrayValue);
+    for (auto const& s : live) {
+      Json::Value item(Json::objectValue);
+      item["session_id"] = s.session_id;
+      item["ip"] = s.ip;
+      item["account"] = s.account;
+      item["expire_at"] = TimeText(s.expires);
+      out["sessions"].append(item);
+    }
+    PrintJson(std::cout, out);
+    return kOk;
+  }
+  PrintEntryFields(entry, out);
+  std::cout << "\n"
+            << live.size() << (live.size() == 1 ? " live session" : " live sessions") << "\n";
+  if (live.empty()) return kOk;
+  Table table({"SESSION ID", "ADDRESS", "ACCOUNT", "EXPIRES"});
+  for (auto const& s : live) {
+    table.Add(
+        {s.session_id, OneLine(s.ip), s.account.empty() ? "-" : s.account, TimeText(s.expires)});
+  }
+  table.Print(std::cout);
+  return kOk;
+}
+
+// ---------------------------------------------------------------- update
+
+int RunUpdate(Args const& args) {
+  args.ExpectPositional(1, "HASH");
+  SharingDB& db = Database();
+  EntryDB store(db);
+  TokenDB tokens(db);
+  Entry entry = LoadEntry(store, args.positional()[0]);
+  Applied const applied = ApplyFields(args, entry);
+  if (!applied.any) UsageError("update", "nothing to change");
+  if (!entry.IsLegal()) {
+    UsageError("update", "the change would leave the entry incomplete");
+  }
+  {
+    WriteTransaction transaction(db);
+    if (!store.Update(entry)) DatabaseFailure(db, "cannot store the entry");
+    // New protection: visitors admitted under the old one must pass the new one.
+    if (applied.protection && !tokens.PurgeByEntry(entry)) {
+      DatabaseFailure(db, "cannot end the entry's sessions");
+    }
+    transaction.Commit();
+  }
+  if (WantsJson(args)) {
+    Json::Value out;
+    entry.ToJSON(out);
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << "updated " << entry.get_hash()
+              << (applied.protection ? " (earlier logins ended)" : "") << "\n";
+  }
+  return kOk;
+}
+
+// ---------------------------------------------------------------- delete
+
+void PrintCount(Args const& args, char const* key, int count, char const* what) {
+  if (WantsJson(args)) {
+    Json::Value out(Json::objectValue);
+    out[key] = count;
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << what << " " << count << (count == 1 ? " entry" : " entries") << "\n";
+  }
+}
+
+int RunDelete(Args const& args) {
+  bool const by_owner = args.Has("owner");
+  args.ExpectPositional(by_owner ? 0 : 1, "HASH or --owner USER");
+  unsigned int const owner = by_owner ? UserId(args.Get("owner")) : UID_ERR;
+  SharingDB& db = Database();
+  EntryDB store(db);
+  TokenDB tokens(db);
+  if (!by_owner) {
+    Entry const entry = LoadEntry(store, args.positional()[0]);
+    WriteTransaction transaction(db);
+    if (!tokens.PurgeByEntry(entry) || !store.Delete(entry)) {
+      DatabaseFailure(db, "cannot delete the entry");
+    }
+    transaction.Commit();
+    PrintCount(args, "deleted", 1, "deleted");
+    return kOk;
+  }
+  int count = 0;
+  {
+    WriteTransaction transaction(db);
+    std::vector<Entry> entries;
+    store.GetCondition().Where("owner_uid", std::to_string(owner));
+    if (!store.Query(entries)) DatabaseFailure(db, "cannot read the entries");
+    for (auto const& entry : entries) {
+      if (!tokens.PurgeByEntry(entry)) DatabaseFailure(db, "cannot end the entries' sessions");
+    }
+    store.GetCondition().Where("owner_uid", std::to_string(owner));
+    count = CountRows(db, store, "entries");
+    if (!store.DeleteByOwnerUid(owner)) DatabaseFailure(db, "cannot delete the entries");
+    transaction.Commit();
+  }
+  PrintCount(args, "deleted", count, "deleted");
+  return kOk;
+}
+
+// ---------------------------------------------------------------- purge
+
+int RunPurge(Args const& args) {
+  args.ExpectPositional(0, "");
+  bool const all = args.Has("all");
+  SharingDB& db = Database();
+  EntryDB entries(db);
+  SessionDB sessions(db);
+  TokenDB tokens(db);
+  int removed[3] = {0, 0, 0};
+  {
+    WriteTransaction transaction(db);
+    int before[3] = {0, 0, 0};
+    int after[3] = {0, 0, 0};
+    before[0] = CountRows(db, entries, "entries");
+    before[1] = CountRows(db, sessions, "sessions");
+    before[2] = CountRows(db, tokens, "tokens");
+    // Tokens of the entries about to go would outlive them by up to a day; take them along.
+    std::vector<Entry> going;
+    entries.GetCondition().Where((all ? "" : "auto_gc = 1 AND ") +
+                                 ExpiredFilter(static_cast<long>(time(nullptr))));
+    if (!entries.Query(going)) DatabaseFailure(db, "cannot read the expired entries");
+    for (auto const& entry : going) {
+      if (!tokens.PurgeByEntry(entry)) DatabaseFailure(db, "cannot purge the tokens");
+    }
+    bool const purged_entries =
+        all ? entries.PurgeExpiredByOwnerProject(UID_ERR, "") : entries.PurgeExpired(1.0f);
+    if (!purged_entries) DatabaseFailure(db, "cannot purge the entries");
+    if (!sessions.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the sessions");
+    if (!tokens.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the tokens");
+    after[0] = CountRows(db, entries, "entries");
+    after[1] = CountRows(db, sessions, "sessions");
+    after[2] = CountRows(db, tokens, "tokens");
+    transaction.Commit();
+    for (int i = 0; i < 3; ++i) removed[i] = before[i] - after[i];
+  }
+  if (WantsJson(args)) {
+    Json::Value out(Json::objectValue);
+    out["entries"] = removed[0];
+    out["sessions"] = removed[1];
+    out["tokens"] = removed[2];
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << "purged " << removed[0] << (removed[0] == 1 ? " entry, " : " entries, ")
+              << removed[1] << (removed[1] == 1 ? " session, " : " sessions, ") << removed[2]
+              << (removed[2] == 1 ? " token" : " tokens") << "\n";
+  }
+  return kOk;
+}
+
+// ---------------------------------------------------------------- logout
+
+int RunLogout(Args const& args) {
+  args.ExpectPositional(2, "HASH and SESSION_ID");
+  std::string const& hash = args.positional()[0];
+  std::string const& sid = args.positional()[1];
+  SharingDB& db = Database();
+  {
+    // The logout itself answers only yes or no; these look-ups say which part was missing.
+    EntryDB store(db);
+    LoadEntry(store, hash);
+    SessionDB sessions(db);
+    Session session;
+    if (!sessions.GetBySessionId(sid, session)) {
+      throw Error(kUnknownSession, "no live session \"" + OneLine(sid) + "\"");
+    }
+  }
+  if (KOVA::KovaSharingLogout(hash, sid) != 1) {
+    throw Error(kUnknownSession,
+                "session \"" + OneLine(sid) + "\" is not logged in to " + OneLine(hash));
+  }
+  if (WantsJson(args)) {
+    Json::Value out(Json::objectValue);
+    out["hash"] = hash;
+    out["session_id"] = sid;
+    out["logged_out"] = true;
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << "logged out " << sid << " from " << hash << "\n";
+  }
+  return kOk;
+}
+
+std::vector<OptionSpec> const kFieldOptions = {{"project", true, false},
+                                               {"owner", true, false},
+                                               {"enabled", true, false},
+                                               {"start-at", true, false},
+                                               {"expire-at", true, false},
+                                               {"max-uses", true, false},
+                                               {"auto-gc", true, false},
+                                               {"match-ip", true, false},
+                                               {"password", true, false},
+                                               {"password-stdin", false, false},
+                                               {"password-algo", true, false},
+                                               {"users", true, true},
+                                               {"groups", true, true},
+                                               {"allow-unknown", false, false},
+                                               {"no-protection", false, false},
+                                               {"title", true, false},
+                                               {"redirect", true, false},
+                                               {"redirect-uri", true, false},
+                                               {"app", true, false},
+                                               {"private-data", true, false},
+                                               {"json", false, false}};
+
+std::vector<OptionSpec> With(std::vector<OptionSpec> options, std::vector<OptionSpec> const& more) {
+  options.insert(options.end(), more.begin(), more.end());
+  return options;
+}
+
+}  // namespace
+
+std::vector<Command> const& Commands() {
+  static std::vector<Command> const commands = {
+      {"create", "make a new link and print its hash", kCreateHelp, kFieldOptions, RunCreate},
+      {"list",
+       "list links, filtered and paged",
+       kListHelp,
+       {{"owner", true, false},
+        {"project", true, false},
+        {"enabled", true, false},
+        {"expired", true, false},
+        {"page", true, false},
+        {"page-size", true, false},
+        {"json", false, false}},
+       RunList},
+      {"show", "show one link and its live sessions", kShowHelp, {{"json", false, false}}, RunShow},
+      {"update", "change fields of a link", kUpdateHelp,
+       With(kFieldOptions, {{"use-count", true, false}}), RunUpdate},
+      {"delete",
+       "delete a link, or every link of an owner",
+       kDeleteHelp,
+       {{"owner", true, false}, {"json", false, false}},
+       RunDelete},
+      {"purge",
+       "delete expired links, sessions and tokens",
+       kPurgeHelp,
+       {{"all", false, false}, {"json", false, false}},
+       RunPurge},
+      {"logout",
+       "end one visitor session's access to a link",
+       kLogoutHelp,
+       {{"json", false, false}},
+       RunLogout},
+  };
+  return commands;
+}
+
+std::string OverviewHelp() {
+  std::string text = kOverviewHead;
+  for (auto const& command : Commands()) {
+    std::string name = command.name;
+    name.resize(10, ' ');
+    text += "  " + name + command.summary + "\n";
+  }
+  return text + kOverviewTail;
+}
+
+}  // namespace kovacli
