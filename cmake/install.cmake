@@ -1,15 +1,16 @@
 # Installation: libraries, public headers, schema scripts, CMake package and pkg-config file.
 include(CMakePackageConfigHelpers)
 
+# Components: runtime (what programs need to run), dev (what building against it needs).
 install(TARGETS kovasharing kovaplatform EXPORT kovasharingTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY include/kovasharing DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+install(DIRECTORY include/kovasharing DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev
   FILES_MATCHING PATTERN "*.h")
-install(FILES ${KOVA_SCHEMA_FILES} DESTINATION ${KOVA_SCHEMA_DIR})
+install(FILES ${KOVA_SCHEMA_FILES} DESTINATION ${KOVA_SCHEMA_DIR} COMPONENT runtime)
 
 install(EXPORT kovasharingTargets NAMESPACE kovasharing::
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kovasharing)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kovasharing COMPONENT dev)
 configure_package_config_file(cmake/kovasharingConfig.cmake.in
   ${CMAKE_CURRENT_BINARY_DIR}/kovasharingConfig.cmake
   INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kovasharing)
@@ -17,8 +18,13 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kovasharingConfigVe
   COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kovasharingConfig.cmake
   ${CMAKE_CURRENT_BINARY_DIR}/kovasharingConfigVersion.cmake
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kovasharing)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kovasharing COMPONENT dev)
 
+# The pkg-config file finds the prefix from its own place, however deep the library directory
+# is (lib, or lib/<multiarch> as in the Debian packages).
+file(RELATIVE_PATH KOVA_PC_PREFIX_FROM_PCDIR ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+  ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KOVA_PC_PREFIX_FROM_PCDIR "${KOVA_PC_PREFIX_FROM_PCDIR}")
 configure_file(cmake/kovasharing.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kovasharing.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kovasharing.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)

@@ -2,7 +2,7 @@
 # program of the plain (C) visitor API, which also proves that its header compiles as C.
 
 # The account login of a user-protected link authenticates through this service.
-install(FILES pam/kovasharing DESTINATION ${KOVA_ROOT_CLEAN}/etc/pam.d)
+install(FILES pam/kovasharing DESTINATION ${KOVA_ROOT_CLEAN}/etc/pam.d COMPONENT runtime)
 
 add_executable(kovasharing_quickstart examples/quickstart.cpp)
 target_compile_options(kovasharing_quickstart PRIVATE ${KOVA_WARNINGS})
