@@ -1,0 +1,510 @@
+// Faults beneath the visitor functions and the stores: system calls of SQLite that fail (through
+// the unix VFS's system-call table), a write lock that another process holds longer than the
+// busy timeout, and a CGI process started without standard descriptors. Every call must answer
+// with its failure result, give the process its identity back, and leave an intact database in
+// which each row is either as it was or completely written. Children that must open the
+// database as a fresh process does are this program started again with KOVA_FAULT_CHILD set.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kovasharing/constants.h"
+#include "kovasharing/session.h"
+#include "kovasharing/session_db.h"
+#include "kovasharing/token.h"
+#include "kovasharing/token_db.h"
+#include "visitor_test_util.h"
+
+using namespace visitortest;
+using KOVA::sharing::db::SessionDB;
+using KOVA::sharing::db::TokenDB;
+using KOVA::sharing::record::Session;
+using KOVA::sharing::record::Token;
+
+namespace {
+
+// ---------------------------------------------------------------- system-call faults
+
+std::atomic<long> g_writes_left{0};  // writes that still succeed; every later one fails
+std::string g_open_fail;             // an open of a path that ends with this fails
+
+ssize_t FailingPwrite(int fd, void const* buf, size_t n, off_t off) {
+  if (g_writes_left.fetch_sub(1) > 0) return pwrite(fd, buf, n, off);
+  errno = EIO;
+  return -1;
+}
+int FailingOpen(char const* path, int flags, int mode) {
+  std::string const p = path;
+  if (p.size() >= g_open_fail.size() &&
+      p.compare(p.size() - g_open_fail.size(), std::string::npos, g_open_fail) == 0) {
+    errno = EACCES;
+    return -1;
+  }
+  return open(path, flags, mode);
+}
+int FailingFstat(int, struct stat*) {
+  errno = EIO;
+  return -1;
+}
+
+// Puts `fn` into the unix VFS's system-call table (null: the original again).
+int Hook(char const* name, sqlite3_syscall_ptr fn) {
+  sqlite3_vfs* vfs = sqlite3_vfs_find("unix");
+  return vfs->xSetSystemCall(vfs, name, fn);
+}
+template <typename F>
+int Hook(char const* name, F* fn) {
+  return Hook(name, reinterpret_cast<sqlite3_syscall_ptr>(fn));
+}
+
+// Failing writes for its lifetime, from the write after the first `succeeding` ones on. Both
+// names are replaced; the build of SQLite uses one of them.
+class WriteFault {
+ public:
+  explicit WriteFault(long succeeding) {
+    g_writes_left = succeeding;
+    for (char const* name : {"pwrite", "pwrite64"}) EXPECT_EQ(SQLITE_OK, Hook(name, FailingPwrite));
+  }
+  ~WriteFault() {
+    for (char const* name : {"pwrite", "pwrite64"}) Hook(name, nullptr);
+  }
+};
+
+// ---------------------------------------------------------------- child processes
+
+// What the children do, chosen by KOVA_FAULT_CHILD:
+//   "open:<suffix>", "fstat": start with that fault and call every visitor function;
+//   "cgi": start without descriptors 0 to 2, log in, write junk to 1 and 2, check;
+//   "read": report the database's summary (kSummary) as this fresh process sees it;
+//   "hold": take the write lock, say so on KOVA_FAULT_READY_FD, keep it KOVA_FAULT_HOLD_MS.
+// The report goes into the file KOVA_FAULT_REPORT as "key=value" words.
+std::string Env(char const* name) {
+  char const* v = getenv(name);
+  return v ? v : "";
+}
+// Where a descriptor leads and how it is open ("closed" when it is not).
+std::string Describe(int fd) {
+  int const flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return "closed";
+  char target[256] = {0};
+  std::string const link = "/proc/self/fd/" + std::to_string(fd);
+  ssize_t const n = readlink(link.c_str(), target, sizeof target - 1);
+  std::string const mode = (flags & O_ACCMODE) == O_RDONLY ? "r" : "w";
+  return std::string(n > 0 ? target : "?") + ":" + mode;
+}
+
+int WriteReport(std::string const& report) {
+  FILE* f = fopen(Env("KOVA_FAULT_REPORT").c_str(), "w");
+  if (f == nullptr) return 20;
+  fprintf(f, "%s", report.c_str());
+  return fclose(f) == 0 ? 0 : 21;
+}
+
+// Integrity and the size of every table, one text.
+char const kSummary[] =
+    "SELECT (SELECT integrity_check FROM pragma_integrity_check) || ' ' || (SELECT COUNT(*) FROM "
+    "entry) || '/' || (SELECT SUM(use_count) FROM entry) || '/' || (SELECT COUNT(*) FROM session) "
+    "|| '/' || (SELECT COUNT(*) FROM token) AS v";
+
+int HoldWriteLock() {
+  if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) return 10;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK)
+    return 11;
+  if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) return 12;
+  int const ready = atoi(Env("KOVA_FAULT_READY_FD").c_str());
+  if (write(ready, "L", 1) != 1) return 13;
+  usleep(static_cast<useconds_t>(atoi(Env("KOVA_FAULT_HOLD_MS").c_str())) * 1000);
+  sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close(db);
+  return 0;
+}
+
+int RunChild(std::string const& mode) {
+  if (mode == "hold") return HoldWriteLock();
+  std::string report;
+  if (mode == "read") {
+    KOVA::sharing::db::Result result;
+    KOVA::sharing::db::Row row;
+    if (SharingDB::Instance().Execute(kSummary, result) && result.NextRow(row))
+      report = row.GetField("v").AsString("");
+    return WriteReport(report);
+  }
+  std::string const hash = Env("KOVA_FAULT_HASH"), sid = Env("KOVA_FAULT_SID");
+  _tag_sharing_login_params const params = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
+  std::string out;
+  if (mode == "cgi") {
+    report += "before=" + Describe(0) + "," + Describe(1) + "," + Describe(2);
+    int const login = KOVA::KovaSharingLogin(out, &params, false);
+    report += " after=" + Describe(0) + "," + Describe(1) + "," + Describe(2);
+    // What a careless CGI program prints, to stdout and stderr, by both routes.
+    std::string const junk(9000, 'J');
+    for (int fd : {1, 2}) (void)!write(fd, junk.data(), junk.size());
+    printf("JUNKJUNK%s\n", junk.c_str());
+    fprintf(stderr, "JUNKJUNK%s\n", junk.c_str());
+    fflush(nullptr);
+    _tag_sharing_login_params const again = {hash.c_str(), nullptr, nullptr, nullptr, out.c_str()};
+    report += " login=" + std::to_string(login) + " sid=" + out;
+    report += " check=" + std::to_string(KOVA::KovaSharingIsAuthorized(&again));
+  } else {
+    if (mode.compare(0, 5, "open:") == 0) {
+      g_open_fail = mode.substr(5);
+      Hook("open", FailingOpen);
+    } else if (mode == "fstat") {
+      Hook("fstat", FailingFstat);
+    }
+    // One call after the other: the operands of + are not evaluated in order.
+    report += "good=" + std::to_string(SharingDB::Instance().IsGood());
+    report += " login=" + std::to_string(KOVA::KovaSharingLogin(out, &params, true));
+    report += " check=" + std::to_string(KOVA::KovaSharingIsAuthorized(&params));
+    report += " logout=" + std::to_string(KOVA::KovaSharingLogout(hash, sid));
+    report += " count=" + std::to_string(KOVA::KovaSharingIncreaseUseCount(hash));
+    Hook("open", nullptr);
+    Hook("fstat", nullptr);
+  }
+  report += " euid=" + std::to_string(geteuid()) + " egid=" + std::to_string(getegid());
+  return WriteReport(report);
+}
+
+// Runs before main: a child does its work and ends without reaching the tests.
+[[maybe_unused]] int const g_child = [] {
+  if (getenv("KOVA_FAULT_CHILD") == nullptr) return 0;
+  int const rc = RunChild(Env("KOVA_FAULT_CHILD"));
+  exit(rc);  // static destructors run, as at the end of a real request
+}();
+
+// Starts this program as a child in `mode` with the extra environment; `prepare` runs in the
+// forked process just before the program starts again.
+pid_t StartChild(std::string const& mode, std::vector<std::string> const& env,
+                 std::function<void()> const& prepare = nullptr) {
+  pid_t const pid = fork();
+  if (pid != 0) return pid;
+  setenv("KOVA_FAULT_CHILD", mode.c_str(), 1);
+  for (auto const& kv : env) putenv(strdup(kv.c_str()));
+  if (prepare) prepare();
+  char const* argv[] = {"test_faults", "--gtest_filter=-*", nullptr};
+  execv("/proc/self/exe", const_cast<char**>(argv));
+  _exit(127);
+}
+int Wait(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// A process that holds the database's write lock for `hold_ms` or until it is killed (the
+// kernel then drops its locks, as for any process that dies).
+class LockHolder {
+ public:
+  explicit LockHolder(int hold_ms) {
+    int ready[2];
+    if (pipe(ready) != 0) abort();
+    pid_ = StartChild("hold", {"KOVA_FAULT_READY_FD=" + std::to_string(ready[1]),
+                               "KOVA_FAULT_HOLD_MS=" + std::to_string(hold_ms)});
+    close(ready[1]);
+    char c = 0;
+    locked_ = read(ready[0], &c, 1) == 1 && c == 'L';
+    close(ready[0]);
+  }
+  ~LockHolder() { Kill(); }
+  bool locked() const { return locked_; }
+  int Wait() { return pid_ > 0 ? ::Wait(std::exchange(pid_, -1)) : -1; }
+  void Kill() {
+    if (pid_ > 0) kill(pid_, SIGKILL);
+    Wait();
+  }
+
+ private:
+  pid_t pid_ = -1;
+  bool locked_ = false;
+};
+
+double Seconds(std::function<void()> const& work) {
+  auto const start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// ---------------------------------------------------------------- fixture
+
+class Faults : public VisitorTest {
+ protected:
+  void SetUp() override {
+    VisitorTest::SetUp();
+    hash_ = MakeEntry();
+    ASSERT_EQ(1, Login(sid_, hash_.c_str()));
+    euid_ = geteuid();
+    egid_ = getegid();
+  }
+  // After a failed call: identity restored, database intact and as before.
+  void ExpectUntouched(std::string const& before, std::string const& what) {
+    EXPECT_EQ(euid_, geteuid()) << what;
+    EXPECT_EQ(egid_, getegid()) << what;
+    EXPECT_EQ("ok", Integrity()) << what;
+    EXPECT_EQ(before, Snapshot()) << what;
+  }
+  std::string Report(std::string const& mode, std::vector<std::string> env,
+                     std::function<void()> const& prepare = nullptr) {
+    kovatest::TempDir dir;
+    std::string const file = dir.File("report");
+    env.insert(env.begin(), {"KOVA_FAULT_REPORT=" + file, "KOVA_FAULT_HASH=" + hash_,
+                             "KOVA_FAULT_SID=" + sid_});  // the caller's words come later
+    EXPECT_EQ(0, Wait(StartChild(mode, env, prepare))) << mode;
+    return kovatest::ReadFile(file);
+  }
+
+  std::string hash_, sid_;
+  uid_t euid_ = 0;
+  gid_t egid_ = 0;
+};
+
+int LoginTo(std::string const& hash, std::string const& sid) {
+  std::string out;
+  _tag_sharing_login_params const p = {hash.c_str(), nullptr, nullptr, nullptr,
+                                       sid.empty() ? nullptr : sid.c_str()};
+  return KOVA::KovaSharingLogin(out, &p, false);
+}
+int CheckOn(std::string const& hash, std::string const& sid) {
+  _tag_sharing_login_params const p = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
+  return KOVA::KovaSharingIsAuthorized(&p);
+}
+
+struct VisitorCall {
+  char const* name;
+  int failure;      // its result when the database cannot be written
+  char const* log;  // what it logs then ("" for nothing)
+  std::function<int()> call;
+};
+
+std::vector<VisitorCall> VisitorCalls(std::string const& hash, std::string const& sid) {
+  return {
+      {"check", -4, "update session failed", [=] { return CheckOn(hash, sid); }},
+      {"use count", 0, "", [=] { return KOVA::KovaSharingIncreaseUseCount(hash); }},
+      {"login again", -4, "update entry use count fail", [=] { return LoginTo(hash, sid); }},
+      {"first login", -4, "update entry use count fail", [=] { return LoginTo(hash, ""); }},
+      {"logout", 0, "", [=] { return KOVA::KovaSharingLogout(hash, sid); }},
+  };
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- tests
+
+TEST_F(Faults, RunsOnThePinnedSQLite) {
+  std::string const expected =
+      std::string(KOVA_TEST_SQLITE_VERSION).empty() ? SQLITE_VERSION : KOVA_TEST_SQLITE_VERSION;
+  // The library's own connection, and the library that the test program links.
+  EXPECT_EQ(expected, Value("SELECT sqlite_version() AS v"));
+  EXPECT_EQ(expected, sqlite3_libversion());
+  EXPECT_STREQ(SQLITE_SOURCE_ID, sqlite3_sourceid());
+  if (std::string(KOVA_TEST_SQLITE_VERSION).empty()) return;
+  // The shipped platform library carries that SQLite itself and needs no libsqlite3.
+  std::string const lib = KOVA_TEST_PLATFORM_LIBRARY;
+  kovatest::TempDir dir;
+  ASSERT_EQ(0, kovatest::Shell("env -u LD_PRELOAD readelf -d '" + lib + "' >" + dir.File("d")));
+  std::string const dynamic = kovatest::ReadFile(dir.File("d"));
+  EXPECT_NE(std::string::npos, dynamic.find("(NEEDED)"));
+  EXPECT_EQ(std::string::npos, dynamic.find("libsqlite3")) << dynamic;
+  void* handle = dlopen(lib.c_str(), RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(nullptr, handle) << dlerror();
+  auto version = reinterpret_cast<char const* (*)()>(dlsym(handle, "sqlite3_libversion"));
+  ASSERT_NE(nullptr, version);
+  EXPECT_EQ(expected, version());
+  dlclose(handle);
+}
+
+TEST_F(Faults, FailingWritesLeaveEveryRowAsItWas) {
+  for (auto const& c : VisitorCalls(hash_, sid_)) {
+    std::string const before = Snapshot();
+    kovatest::ClearLogs();
+    int code;
+    {
+      WriteFault fault(0);
+      code = c.call();
+    }
+    EXPECT_EQ(c.failure, code) << c.name;
+    ExpectUntouched(before, c.name);
+    if (*c.log != '\0') {
+      EXPECT_TRUE(kovatest::LogContains(c.log)) << c.name;
+    }
+    // The connection is usable again as soon as the device is.
+    EXPECT_EQ(1, c.call()) << c.name << " after the fault";
+  }
+}
+
+TEST_F(Faults, StoreOperationsFailWhole) {
+  EntryDB entries(db());
+  SessionDB sessions(db());
+  TokenDB tokens(db());
+  Entry entry = Load(hash_);
+  Session session;
+  ASSERT_TRUE(sessions.GetBySessionId(sid_, session));
+  Token token;
+  ASSERT_TRUE(tokens.GetBySessionEntry(session, entry, token));
+  // Rows that the purges would remove.
+  MakeEntry([](Entry& e) { e.set_expire_at(time(nullptr) - 10); });
+  Exec(
+      "INSERT INTO session VALUES (NULL, 'expired-session-id-0123456789abcd', 4294967295, "
+      "'192.0.2.10', 1000)");
+  Exec("INSERT INTO token VALUES (NULL, 999, 999, 1000)");
+
+  struct StoreCall {
+    char const* name;
+    std::function<bool()> call;
+  };
+  Entry changed = entry;
+  changed.set_project_name("changed");
+  Session fresh_session = session;
+  Token fresh_token = token;
+  Entry fresh_entry = entry;
+  std::vector<StoreCall> const calls = {
+      {"entry create", [&] { return entries.CreateWithHash(fresh_entry); }},
+      {"entry update", [&] { return entries.Update(changed); }},
+      {"entry delete", [&] { return entries.Delete(entry); }},
+      {"entry purge", [&] { return entries.PurgeExpired(1.0f); }},
+      {"entry purge by owner",
+       [&] { return entries.PurgeExpiredByOwnerProject(KOVA::sharing::UID_ERR, ""); }},
+      {"entry delete by owner", [&] { return entries.DeleteByOwnerUid(1000); }},
+      {"session create", [&] { return sessions.CreateWithSessionId(fresh_session); }},
+      {"session update", [&] { return sessions.Update(session); }},
+      {"session delete", [&] { return sessions.DeleteBySessionId(sid_); }},
+      {"session purge", [&] { return sessions.PurgeExpired(1.0f); }},
+      {"token create", [&] { return tokens.Create(fresh_token); }},
+      {"token update", [&] { return tokens.Update(token); }},
+      {"token delete", [&] { return tokens.Delete(token); }},
+      {"token purge", [&] { return tokens.PurgeExpired(1.0f); }},
+      {"token purge by entry", [&] { return tokens.PurgeByEntry(entry); }},
+  };
+  for (auto const& c : calls) {
+    std::string const before = Snapshot();
+    {
+      WriteFault fault(0);
+      EXPECT_FALSE(c.call()) << c.name;
+      // Reading goes on while writing fails.
+      Entry again;
+      EXPECT_TRUE(entries.GetByHash(hash_, again)) << c.name;
+    }
+    ExpectUntouched(before, c.name);
+  }
+  // Each of them works once the device does (the deletions last).
+  for (auto const& c : calls) EXPECT_TRUE(c.call()) << c.name << " after the fault";
+}
+
+TEST_F(Faults, LoginInterruptedAtEveryWriteLeavesOnlyWholeRows) {
+  int uses = UseCount(hash_);
+  int code = 0, k = 0;
+  for (; code != 1 && k < 400; ++k) {
+    std::string out;
+    {
+      WriteFault fault(k);
+      code = Login(out, hash_.c_str());
+    }
+    ASSERT_TRUE(code == 1 || code == -4) << "write " << k << ": " << code;
+    ASSERT_EQ(euid_, geteuid());
+    ASSERT_EQ(egid_, getegid());
+    ASSERT_EQ("ok", Integrity()) << "write " << k;
+    // Every stored row is complete: sessions with a full id and address, tokens that join a
+    // stored session to the link; the use count moved at most once per login.
+    long const now = time(nullptr);
+    EXPECT_EQ(0, Number("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32 OR "
+                        "ip != '" +
+                        std::string(kAddr) + "' OR timeout < " + std::to_string(now + kDay - 60)))
+        << "write " << k;
+    EXPECT_EQ(0, Number("SELECT COUNT(*) AS v FROM token WHERE timeout < " +
+                        std::to_string(now + kDay - 60) +
+                        " OR session_id NOT IN (SELECT id FROM session) OR entry_id != " +
+                        std::to_string(Load(hash_).get_id())))
+        << "write " << k;
+    int const now_uses = UseCount(hash_);
+    EXPECT_TRUE(now_uses == uses || now_uses == uses + 1) << "write " << k;
+    uses = now_uses;
+    if (code == 1) {
+      EXPECT_EQ(out, SessionField(out, "session_id"));
+    }
+  }
+  EXPECT_EQ(1, code) << "the login succeeds once enough writes do";
+  EXPECT_GT(k, 3) << "a login writes more than a few times";
+  // A fresh process sees the same intact database.
+  EXPECT_EQ(Value(kSummary), Report("read", {}));
+}
+
+TEST_F(Faults, FreshProcessThatCannotOpenOrExamineTheDatabase) {
+  // Without a fault the same child gets through every call (the logout last).
+  ASSERT_EQ("good=1 login=1 check=1 logout=1 count=1 euid=0 egid=0", Report("open:no-such", {}));
+  std::string const before = Snapshot();
+  for (std::string const mode :
+       {"open:sharing.db", "open:sharing.db-wal", "open:sharing.db-shm", "fstat"}) {
+    EXPECT_EQ("good=0 login=-4 check=-4 logout=0 count=0 euid=0 egid=0", Report(mode, {})) << mode;
+    EXPECT_EQ("ok", Integrity()) << mode;
+    EXPECT_EQ(before, Snapshot()) << mode;
+  }
+}
+
+TEST_F(Faults, WriteLockHeldLongerThanTheBusyTimeout) {
+  {
+    LockHolder holder(60000);
+    ASSERT_TRUE(holder.locked());
+    for (auto const& c : VisitorCalls(hash_, sid_)) {
+      if (std::string(c.name).find("login") != std::string::npos) continue;  // below
+      std::string const before = Snapshot();
+      int code = 0;
+      double const took = Seconds([&] { code = c.call(); });
+      EXPECT_EQ(c.failure, code) << c.name;
+      EXPECT_GE(took, 4.5) << c.name << ": gave up before the busy timeout";
+      EXPECT_LT(took, 20.0) << c.name;
+      ExpectUntouched(before, c.name);
+    }
+  }
+  // A lock released after 7 s: the use count gives up after 5 s (logged, not a failure); the
+  // token and session are written once the lock is free.
+  LockHolder holder(7000);
+  ASSERT_TRUE(holder.locked());
+  int const uses = UseCount(hash_);
+  kovatest::ClearLogs();
+  int code = 0;
+  double const took = Seconds([&] { code = LoginTo(hash_, sid_); });
+  EXPECT_EQ(1, code);
+  EXPECT_GE(took, 6.0);
+  EXPECT_EQ(uses, UseCount(hash_));
+  EXPECT_EQ(1, kovatest::LogCount("update entry use count fail"));
+  ExpectOneDayAhead(std::stol(SessionField(sid_, "timeout")));
+  EXPECT_EQ(0, holder.Wait());
+  EXPECT_EQ(Value(kSummary), Report("read", {}));
+}
+
+TEST_F(Faults, CgiWithoutStandardDescriptorsWritesNothingIntoTheDatabase) {
+  int const uses = UseCount(hash_);
+  int const sessions = Rows("session");
+  std::string const report = Report("cgi", {"KOVA_FAULT_SID="}, [] {
+    for (int fd = 0; fd <= 2; ++fd) close(fd);
+  });
+  EXPECT_NE(std::string::npos, report.find("before=closed,closed,closed")) << report;
+  // SQLite will not keep a database file on 0 to 2: it puts /dev/null there, read-only.
+  EXPECT_NE(std::string::npos, report.find("after=/dev/null:r,/dev/null:r,/dev/null:r")) << report;
+  EXPECT_NE(std::string::npos, report.find(" login=1 sid=")) << report;
+  EXPECT_NE(std::string::npos, report.find(" check=1 euid=0 egid=0")) << report;
+  EXPECT_EQ("ok", Integrity());
+  EXPECT_EQ(uses + 1, UseCount(hash_));
+  EXPECT_EQ(sessions + 1, Rows("session"));
+  for (char const* file : {"", "-wal"}) {
+    std::string const data = kovatest::ReadFile(KOVA_SHARING_DB_FILE + std::string(file));
+    EXPECT_EQ(std::string::npos, data.find("JJJJJJJJ")) << file;
+    if (*file == '\0') {
+      EXPECT_EQ(0u, data.find(std::string("SQLite format 3\0", 16)));
+    }
+  }
+}
