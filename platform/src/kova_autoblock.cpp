@@ -1,6 +1,6 @@
 // Failed-login blocking: one row per failed login in a small SQLite file that every process of
 // the appliance shares, written as the system account like the other private state files.
-// Each call opens, works and closes, so nothing survives a fork half-used.
+// Each process keeps one connection to it between calls (see Acquire).
 #include "kova_autoblock.h"
 
 #include <arpa/inet.h>
@@ -16,6 +16,7 @@
 
 #include <string>
 
+#include "keep_wal.h"
 #include "kova_paths.h"
 
 namespace {
@@ -109,21 +110,25 @@ bool Exec(sqlite3* db, char const* sql) {
 // Opens (and on first use creates) the store; the caller holds the system identity.
 sqlite3* Open() {
   char const* path = KOVA_AUTOBLOCK_DB_FILE;
-  int const fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
-  if (fd < 0) {
-    syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
-           path);
-    return nullptr;
-  }
-  // The umask must not narrow the mode; SQLite gives its -wal and -shm files the same.
   struct stat st;
-  if (fstat(fd, &st) == 0 && st.st_size == 0 && (st.st_mode & 0777) != 0660) {
-    if (fchmod(fd, 0660) != 0) {
-      syslog(LOG_ERR, "%s:%d (%u) chmod %s failed, err=%m", kSource, __LINE__, (unsigned)getpid(),
+  // Only a missing store is created here: closing a descriptor of a file that SQLite has open
+  // in this process would drop SQLite's locks on it.
+  if (lstat(path, &st) != 0) {
+    int const fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
+    if (fd < 0) {
+      syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
              path);
+      return nullptr;
     }
+    // The umask must not narrow the mode; SQLite gives its -wal and -shm files the same.
+    if (fstat(fd, &st) == 0 && st.st_size == 0 && (st.st_mode & 0777) != 0660) {
+      if (fchmod(fd, 0660) != 0) {
+        syslog(LOG_ERR, "%s:%d (%u) chmod %s failed, err=%m", kSource, __LINE__, (unsigned)getpid(),
+               path);
+      }
+    }
+    close(fd);
   }
-  close(fd);
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) !=
       SQLITE_OK) {
@@ -133,6 +138,7 @@ sqlite3* Open() {
     return nullptr;
   }
   sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  KovaKeepWal(db);
   if (!Exec(db,
             "PRAGMA journal_mode = WAL;"
             "CREATE TABLE IF NOT EXISTS fail_login ("
@@ -146,6 +152,44 @@ sqlite3* Open() {
   }
   return db;
 }
+
+// The process's connection to the store, kept between calls: opening the store (and, as its
+// only user, creating and removing its log files) costs far more than the statement run on
+// it, and processes opening and closing it all the time keep waiting on each other's locks.
+// A forked child leaves its parent's connection alone and opens its own; a store that was
+// moved or deleted since is opened again.
+class Store {
+ public:
+  ~Store() {
+    if (db_ != nullptr && pid_ == getpid()) sqlite3_close(db_);
+  }
+  // The connection for this call, or null; the caller holds the system identity.
+  sqlite3* Acquire() {
+    if (db_ != nullptr && pid_ != getpid()) db_ = nullptr;  // the parent's: never touched
+    if (db_ != nullptr) {
+      int moved = 0;
+      if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+          moved == 0) {
+        return db_;
+      }
+      Drop();
+    }
+    db_ = Open();
+    pid_ = getpid();
+    return db_;
+  }
+  // After a failed statement the connection is not trusted again.
+  void Drop() {
+    sqlite3_close(db_);
+    db_ = nullptr;
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+  pid_t pid_ = 0;
+};
+
+Store g_store;
 
 // Runs one statement with text and number parameters bound in order; for a query, the first
 // column of the first row goes to *count.
@@ -183,7 +227,7 @@ int KovaCgiIsDeniedIP(const char* ip) {
   if (key.empty()) return 0;
   bool const have_dir = MakeDirectory();
   SystemIdentity as_system;
-  sqlite3* db = have_dir ? Open() : nullptr;
+  sqlite3* db = have_dir ? g_store.Acquire() : nullptr;
   if (db == nullptr) {
     syslog(LOG_ERR, "%s:%d (%u) failed-login store unavailable, %s let through", kSource, __LINE__,
            (unsigned)getpid(), key.c_str());
@@ -193,7 +237,7 @@ int KovaCgiIsDeniedIP(const char* ip) {
   bool const ok =
       Run(db, "SELECT COUNT(*) FROM fail_login WHERE addr = ?1 AND time > ?2", &key, 1,
           static_cast<sqlite3_int64>(time(nullptr)) - KOVA_AUTOBLOCK_WINDOW_SECONDS, &count);
-  sqlite3_close(db);
+  if (!ok) g_store.Drop();
   if (!ok) {
     syslog(LOG_ERR, "%s:%d (%u) failed-login store unreadable, %s let through", kSource, __LINE__,
            (unsigned)getpid(), key.c_str());
@@ -211,7 +255,7 @@ int AutoBlockFailLoginSet(const char* ip, const char* service) {
     return -1;
   }
   SystemIdentity as_system;
-  sqlite3* db = Open();
+  sqlite3* db = g_store.Acquire();
   if (db == nullptr) return -1;
   sqlite3_int64 const now = time(nullptr);
   // Rows that left the window count for nothing; dropping them here keeps the file small.
@@ -222,7 +266,7 @@ int AutoBlockFailLoginSet(const char* ip, const char* service) {
                 now - KOVA_AUTOBLOCK_WINDOW_SECONDS, nullptr) &&
             Exec(db, "COMMIT");
   if (!ok && sqlite3_get_autocommit(db) == 0) Exec(db, "ROLLBACK");
-  sqlite3_close(db);
+  if (!ok) g_store.Drop();
   return ok ? 0 : -1;
 }
 
@@ -235,10 +279,10 @@ int KOVAAutoBlockFailLoginReset(const char* ip) {
     return -1;
   }
   SystemIdentity as_system;
-  sqlite3* db = Open();
+  sqlite3* db = g_store.Acquire();
   if (db == nullptr) return -1;
   bool const ok = Run(db, "DELETE FROM fail_login WHERE addr = ?1", &key, 1, 0, nullptr);
-  sqlite3_close(db);
+  if (!ok) g_store.Drop();
   return ok ? 0 : -1;
 }
 

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "keep_wal.h"
+
 struct KOVADB {
   sqlite3* handle = nullptr;
   std::string error;  // text of the last failure, kept until the next one
@@ -44,6 +46,7 @@ KOVADB* KOVADBConnect(const char* host, const char* user, const char* password, 
     return nullptr;
   }
   sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+  KovaKeepWal(handle);
   KOVADB* db = new KOVADB;
   db->handle = handle;
   return db;

@@ -2,8 +2,10 @@
 // field values.
 #include "kovasharing/utils.h"
 
+#include <dlfcn.h>
 #include <gcrypt.h>
 #include <openssl/md5.h>
+#include <openssl/opensslv.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -35,18 +37,49 @@ bool Sha1WithSaltHashPassword(std::string const& password, std::string const& sa
   return true;
 }
 
-bool MD5HashPassword(std::string const& password, std::string& out) {
-  if (password.empty()) return false;
-  unsigned char digest[MD5_DIGEST_LENGTH];
-  MD5_CTX ctx;
-  // Stored digests are plain MD5 of these exact calls; the warnings about the old interface
-  // are silenced here and nowhere else.
+namespace {
+
+#define KOVA_TEXT_(x) #x
+#define KOVA_TEXT(x) KOVA_TEXT_(x)
+
+// libcrypto is loaded when the first MD5 digest is asked for, not with the library: only links
+// that still hold an MD5 digest need it, and loading it (thousands of relocations) would cost
+// every short-lived web process a millisecond it rarely uses.
+// Stored digests are plain MD5 of these exact calls; the warnings about the old interface are
+// silenced here and nowhere else.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-  if (MD5_Init(&ctx) < 1) return false;
-  if (MD5_Update(&ctx, password.data(), password.size()) < 1) return false;
-  if (MD5_Final(digest, &ctx) < 1) return false;
+struct Md5Calls {
+  decltype(&MD5_Init) init = nullptr;
+  decltype(&MD5_Update) update = nullptr;
+  decltype(&MD5_Final) final = nullptr;
+};
 #pragma GCC diagnostic pop
+
+Md5Calls const* LoadMd5() {
+  static Md5Calls calls;
+  static bool const loaded = [] {
+    void* crypto = dlopen("libcrypto.so." KOVA_TEXT(OPENSSL_SHLIB_VERSION), RTLD_NOW | RTLD_LOCAL);
+    if (crypto == nullptr) return false;
+    calls.init = reinterpret_cast<decltype(calls.init)>(dlsym(crypto, "MD5_Init"));
+    calls.update = reinterpret_cast<decltype(calls.update)>(dlsym(crypto, "MD5_Update"));
+    calls.final = reinterpret_cast<decltype(calls.final)>(dlsym(crypto, "MD5_Final"));
+    return calls.init != nullptr && calls.update != nullptr && calls.final != nullptr;
+  }();
+  return loaded ? &calls : nullptr;
+}
+
+}  // namespace
+
+bool MD5HashPassword(std::string const& password, std::string& out) {
+  if (password.empty()) return false;
+  Md5Calls const* md5 = LoadMd5();
+  if (md5 == nullptr) return false;
+  unsigned char digest[MD5_DIGEST_LENGTH];
+  MD5_CTX ctx;
+  if (md5->init(&ctx) < 1) return false;
+  if (md5->update(&ctx, password.data(), password.size()) < 1) return false;
+  if (md5->final(digest, &ctx) < 1) return false;
   char text[33] = {};
   for (int i = 0; i < MD5_DIGEST_LENGTH; ++i) {
     snprintf(text + i * 2, 3, "%02x", digest[i]);
