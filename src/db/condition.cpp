@@ -1,5 +1,6 @@
 #include "kovasharing/condition.h"
 
+#include <climits>
 #include <string>
 
 #include "internal/condition_private.h"
@@ -41,7 +42,10 @@ void ConditionPrivate::Limit(int offset, int limit) {
 }
 
 void ConditionPrivate::Page(int page, int size) {
-  offset_ = size * (page - 1);
+  // Worked out wide: a page number or size far out of range must not overflow. Such an offset
+  // is held at the largest (or smallest) int, which selects nothing (or writes no OFFSET).
+  long long const offset = static_cast<long long>(size) * (static_cast<long long>(page) - 1);
+  offset_ = offset > INT_MAX ? INT_MAX : offset < INT_MIN ? INT_MIN : static_cast<int>(offset);
   limit_ = size;
 }
 
