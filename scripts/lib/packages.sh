@@ -15,4 +15,5 @@ ensure_packages() {
 
 BUILD_PACKAGES=(build-essential cmake pkg-config libsqlite3-dev libjsoncpp-dev libssl-dev
   libgcrypt20-dev libpam0g-dev)
-TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper)
+TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper lighttpd chromium curl
+  clang libclang-rt-14-dev libbenchmark-dev)
