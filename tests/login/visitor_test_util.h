@@ -6,10 +6,12 @@
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <syslog.h>
 
 #include <ctime>
 #include <functional>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -47,6 +49,14 @@ class VisitorTest : public ::testing::Test {
   void TearDown() override { request_.reset(); }
 
   static SharingDB& db() { return SharingDB::Instance(); }
+  // How many lines "sharinglogin:<line> <tail>" were logged at error priority.
+  static int Logged(std::string const& tail) {
+    std::regex const line("^sharinglogin:[0-9]+ " + tail + "$");
+    int n = 0;
+    for (auto const& log : kovatest::Logs())
+      n += std::regex_match(log.text, line) && (log.priority & 7) == LOG_ERR;
+    return n;
+  }
   kovatest::CgiRequest& request() { return *request_; }
 
   void Exec(std::string const& sql) {
@@ -105,15 +115,26 @@ class VisitorTest : public ::testing::Test {
     EXPECT_TRUE(store.CreateWithHash(entry));
     return entry.get_hash();
   }
+  std::string PasswordEntry(std::string const& password,
+                            Entry::PasswordEncryptAlgo algo = Entry::ENCRYPT_ALGO_DEFAULT) {
+    return MakeEntry([&](Entry& e) {
+      e.set_protect_type(Entry::PROTECT_PASSWORD);
+      e.set_protect_password(password, true, algo);
+    });
+  }
+  std::string UserEntry(std::vector<std::string> const& users,
+                        std::vector<std::string> const& groups = {}) {
+    return MakeEntry([&](Entry& e) {
+      e.set_protect_type(Entry::PROTECT_USER);
+      e.set_protect_users(users);
+      e.set_protect_groups(groups);
+    });
+  }
   Entry Load(std::string const& hash) {
     Entry entry;
     EntryDB store(db());
     EXPECT_TRUE(store.GetByHash(hash, entry)) << hash;
     return entry;
-  }
-  void Save(Entry const& entry) {
-    EntryDB store(db());
-    ASSERT_TRUE(store.Update(entry));
   }
   int UseCount(std::string const& hash) {
     return static_cast<int>(
