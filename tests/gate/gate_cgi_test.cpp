@@ -10,6 +10,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <map>
 #include <random>
 #include <regex>
@@ -37,60 +38,39 @@ struct Response {
   }
 };
 
-Response Parse(std::string const& out) {
+// Runs the gate once. `env` holds the CGI variables of the request; no others are passed on.
+Response RunGate(std::map<std::string, std::string> const& env, std::string const& body = "") {
+  kovatest::TempDir dir;
+  kovatest::WriteFile(dir.File("in"), body);
+  pid_t const pid = fork();
+  if (pid == 0) {
+    for (char const* name :
+         {"REQUEST_METHOD", "QUERY_STRING", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_COOKIE",
+          "HTTP_ORIGIN", "HTTP_HOST", "HTTPS", "REMOTE_ADDR", "SCRIPT_NAME"})
+      unsetenv(name);
+    for (auto const& var : env) setenv(var.first.c_str(), var.second.c_str(), 1);
+    if (freopen(dir.File("in").c_str(), "r", stdin) &&
+        freopen(dir.File("out").c_str(), "w", stdout))
+      execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "gate exit status " << status;
+  std::string const out = kovatest::ReadFile(dir.File("out"));
   Response r;
   size_t const end = out.find("\r\n\r\n");
   if (end == std::string::npos) {
     ADD_FAILURE() << "no end of headers in:\n" << out;
     return r;
   }
-  size_t pos = 0;
-  while (pos < end) {
-    size_t const eol = out.find("\r\n", pos);
+  for (size_t pos = 0, eol; pos < end; pos = eol + 2) {
+    eol = out.find("\r\n", pos);
     r.headers.push_back(out.substr(pos, eol - pos));
-    pos = eol + 2;
   }
   r.body = out.substr(end + 4);
-  std::string const status = r.Header("Status");
-  r.status = status.empty() ? 0 : std::stoi(status);
+  r.status = r.Header("Status").empty() ? 0 : std::stoi(r.Header("Status"));
   return r;
-}
-
-char const* const kCgiVariables[] = {
-    "REQUEST_METHOD", "QUERY_STRING", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_COOKIE",
-    "HTTP_ORIGIN",    "HTTP_HOST",    "HTTPS",        "REMOTE_ADDR",    "SCRIPT_NAME"};
-
-// Runs the gate once. `env` holds the CGI variables of the request.
-Response RunGate(std::map<std::string, std::string> const& env, std::string const& body = "") {
-  int in[2], out[2];
-  if (pipe(in) != 0 || pipe(out) != 0) abort();
-  pid_t const pid = fork();
-  if (pid == 0) {
-    dup2(in[0], STDIN_FILENO);
-    dup2(out[1], STDOUT_FILENO);
-    close(in[0]);
-    close(in[1]);
-    close(out[0]);
-    close(out[1]);
-    for (char const* name : kCgiVariables) unsetenv(name);
-    for (auto const& var : env) setenv(var.first.c_str(), var.second.c_str(), 1);
-    execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(in[0]);
-  close(out[1]);
-  signal(SIGPIPE, SIG_IGN);
-  if (!body.empty() && write(in[1], body.data(), body.size()) < 0) ADD_FAILURE() << "write";
-  close(in[1]);
-  std::string text;
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(out[0], buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-  close(out[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "gate exit status " << status;
-  return Parse(text);
 }
 
 // A browser: keeps the session cookie the gate sets and sends it back.
@@ -99,43 +79,38 @@ class Visitor {
   explicit Visitor(std::string address = "192.0.2.10") : address_(std::move(address)) {}
 
   Response Get(std::string const& hash, std::string const& extra_query = "") {
-    auto env = Base(hash, extra_query);
-    env["REQUEST_METHOD"] = "GET";
-    return Keep(RunGate(env));
+    return Send("GET", hash + extra_query, "", {});
   }
   Response Post(std::string const& hash, std::string const& body,
                 std::map<std::string, std::string> const& extra = {}) {
-    auto env = Base(hash, "");
-    env["REQUEST_METHOD"] = "POST";
-    env["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
-    env["CONTENT_LENGTH"] = std::to_string(body.size());
-    env["HTTP_ORIGIN"] = "http://gate.test";
-    for (auto const& var : extra) env[var.first] = var.second;
-    return Keep(RunGate(env, body));
+    return Send("POST", hash, body, extra);
   }
   std::string const& session() const { return session_; }
-  void set_address(std::string address) { address_ = std::move(address); }
+  std::string address_;
 
  private:
-  std::map<std::string, std::string> Base(std::string const& hash, std::string const& extra) {
-    std::map<std::string, std::string> env = {{"SCRIPT_NAME", "/share"},
+  Response Send(char const* method, std::string const& query, std::string const& body,
+                std::map<std::string, std::string> const& extra) {
+    std::map<std::string, std::string> env = {{"REQUEST_METHOD", method},
+                                              {"SCRIPT_NAME", "/share"},
                                               {"HTTP_HOST", "gate.test"},
                                               {"REMOTE_ADDR", address_},
-                                              {"QUERY_STRING", "sharing_id=" + hash + extra}};
-    if (!session_.empty()) env["HTTP_COOKIE"] = "other=1; sharing_sid=" + session_;
-    return env;
-  }
-  Response Keep(Response r) {
-    static std::regex const cookie("^sharing_sid=([A-Za-z0-9_-]+);");
-    for (auto const& line : r.headers) {
-      std::smatch m;
-      std::string const value = line.compare(0, 12, "Set-Cookie: ") == 0 ? line.substr(12) : "";
-      if (std::regex_search(value, m, cookie)) session_ = m[1];
+                                              {"QUERY_STRING", "sharing_id=" + query}};
+    if (*method == 'P') {
+      env["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
+      env["CONTENT_LENGTH"] = std::to_string(body.size());
+      env["HTTP_ORIGIN"] = "http://gate.test";
     }
+    if (!session_.empty()) env["HTTP_COOKIE"] = "other=1; sharing_sid=" + session_;
+    for (auto const& var : extra) env[var.first] = var.second;
+    Response r = RunGate(env, body);
+    std::smatch m;
+    static std::regex const cookie("^sharing_sid=([A-Za-z0-9_-]+);");
+    std::string const set = r.Header("Set-Cookie");
+    if (std::regex_search(set, m, cookie)) session_ = m[1];
     return r;
   }
 
-  std::string address_;
   std::string session_;
 };
 
@@ -154,24 +129,25 @@ class GateTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(SharingDB::Instance().IsGood()); }
 
-  std::string Make(Entry& entry) {
+  // A link of alice's with no protection and no redirect, as `tweak` changes it.
+  std::string Make(std::function<void(Entry&)> const& tweak = nullptr) {
+    Entry entry;
     entry.set_project_name("gate-test");
     entry.set_owner_user("alice");
-    if (entry.get_app().isNull()) {
-      Json::Value app(Json::objectValue);
-      app["title"] = "Holiday pictures";
-      entry.set_app(app);
-    }
-    EntryDB entries(SharingDB::Instance());
-    EXPECT_TRUE(entries.CreateWithHash(entry));
+    entry.set_protect_type(Entry::PROTECT_NONE);
+    entry.set_redirect_type(Entry::REDIRECT_NONE);
+    Json::Value app(Json::objectValue);
+    app["title"] = "Holiday pictures";
+    entry.set_app(app);
+    if (tweak) tweak(entry);
+    EXPECT_TRUE(EntryDB(SharingDB::Instance()).CreateWithHash(entry));
     return entry.get_hash();
   }
   std::string PasswordLink(std::string const& password = "open sesame") {
-    Entry entry;
-    entry.set_redirect_type(Entry::REDIRECT_NONE);
-    entry.set_protect_type(Entry::PROTECT_PASSWORD);
-    entry.set_protect_password(password, true, Entry::ENCRYPT_ALGO_DEFAULT);
-    return Make(entry);
+    return Make([&](Entry& e) {
+      e.set_protect_type(Entry::PROTECT_PASSWORD);
+      e.set_protect_password(password, true, Entry::ENCRYPT_ALGO_DEFAULT);
+    });
   }
 };
 
@@ -248,11 +224,10 @@ TEST_F(GateTest, PasswordLinkFromFormToContentAndOut) {
 }
 
 TEST_F(GateTest, AccountLinkForAGroup) {
-  Entry entry;
-  entry.set_redirect_type(Entry::REDIRECT_NONE);
-  entry.set_protect_type(Entry::PROTECT_USER);
-  entry.set_protect_groups({"editors"});
-  std::string const hash = Make(entry);
+  std::string const hash = Make([](Entry& e) {
+    e.set_protect_type(Entry::PROTECT_USER);
+    e.set_protect_groups({"editors"});
+  });
 
   Visitor alice("192.0.2.20"), bob("192.0.2.21");
   Response r = alice.Get(hash);
@@ -281,15 +256,13 @@ TEST_F(GateTest, HostileInputIsEscapedAndRedirectsAreChecked) {
   Response r = visitor.Get(evil);
   EXPECT_FALSE(Has(r, "<script")) << r.body;
   EXPECT_TRUE(Has(r, "sharing_id=%22%3E%3Cscript%3Ealert%281%29%3C%2Fscript%3E\""));
-  r = visitor.Post(evil, "zel_username=%3Cb%3E%22x%27&zel_password=x&password=y");
-  EXPECT_EQ(403, r.status);
-  EXPECT_FALSE(Has(r, "<script"));
 
-  Entry entry;
-  entry.set_protect_type(Entry::PROTECT_USER);
-  entry.set_protect_users({"alice"});
-  std::string const account = Make(entry);
-  r = visitor.Post(account, "zel_username=%3Cb%3E%22x%27&zel_password=x");
+  std::string const account = Make([](Entry& e) {
+    e.set_protect_type(Entry::PROTECT_USER);
+    e.set_protect_users({"alice"});
+  });
+  r = visitor.Post(account, "zel_username=%3Cb%3E%22x%27&zel_password=x&password=y");
+  EXPECT_EQ(403, r.status);
   EXPECT_TRUE(Has(r, "value=\"&lt;b&gt;&quot;x&#39;\"")) << r.body;
   EXPECT_FALSE(Has(r, "<b>"));
 
@@ -297,11 +270,7 @@ TEST_F(GateTest, HostileInputIsEscapedAndRedirectsAreChecked) {
   Json::Value app(Json::objectValue);
   app["<i>key</i>"] = "<img src=x onerror=alert(1)>";
   app["list"].append("a&b");
-  Entry open;
-  open.set_protect_type(Entry::PROTECT_NONE);
-  open.set_redirect_type(Entry::REDIRECT_NONE);
-  open.set_app(app);
-  std::string const hash = Make(open);
+  std::string const hash = Make([&app](Entry& e) { e.set_app(app); });
   r = visitor.Get(hash);
   EXPECT_TRUE(Has(r, "Press Open")) << "an open link asks before it counts a use";
   EXPECT_EQ(303, visitor.Post(hash, "").status);
@@ -327,11 +296,10 @@ TEST_F(GateTest, HostileInputIsEscapedAndRedirectsAreChecked) {
       {Entry::REDIRECT_NONE, "https://example.org/x", ""},
   };
   for (auto const& c : cases) {
-    Entry link;
-    link.set_protect_type(Entry::PROTECT_NONE);
-    link.set_redirect_type(c.type);
-    link.set_redirect_uri(c.uri);
-    std::string const h = Make(link);
+    std::string const h = Make([&c](Entry& e) {
+      e.set_redirect_type(c.type);
+      e.set_redirect_uri(c.uri);
+    });
     ASSERT_EQ(303, visitor.Post(h, "").status);
     r = visitor.Get(h);
     std::string want = c.location;
@@ -360,11 +328,7 @@ TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
   EXPECT_TRUE(attacker.session().empty());
 
   // A link used up: the second visitor is told so.
-  Entry once;
-  once.set_protect_type(Entry::PROTECT_NONE);
-  once.set_redirect_type(Entry::REDIRECT_NONE);
-  once.set_expire_times(1);
-  std::string const single = Make(once);
+  std::string const single = Make([](Entry& e) { e.set_expire_times(1); });
   Visitor first("192.0.2.40"), second("192.0.2.41");
   EXPECT_EQ(303, first.Post(single, "").status);
   r = second.Post(single, "");
@@ -372,19 +336,15 @@ TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
   EXPECT_TRUE(Has(r, "used up"));
 
   // Ended after the visitor came in: "no longer valid"; the address bound to the session.
-  Entry bound;
-  bound.set_protect_type(Entry::PROTECT_NONE);
-  bound.set_redirect_type(Entry::REDIRECT_NONE);
-  bound.set_enable_match_ip(true);
-  std::string const pinned = Make(bound);
+  std::string const pinned = Make([](Entry& e) { e.set_enable_match_ip(true); });
   Visitor mover("192.0.2.50");
   EXPECT_EQ(303, mover.Post(pinned, "").status);
   EXPECT_EQ(200, mover.Get(pinned).status);
-  mover.set_address("192.0.2.51");
+  mover.address_ = "192.0.2.51";
   r = mover.Get(pinned);
   EXPECT_TRUE(Has(r, "Your network address has changed")) << r.body;
   EXPECT_TRUE(Has(r, "Press Open"));
-  mover.set_address("192.0.2.50");
+  mover.address_ = "192.0.2.50";
   EntryDB entries(SharingDB::Instance());
   Entry stored;
   ASSERT_TRUE(entries.GetByHash(pinned, stored));
@@ -400,15 +360,9 @@ TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
   r = RunGate({{"REQUEST_METHOD", "PUT"}, {"QUERY_STRING", "sharing_id=" + hash}});
   EXPECT_EQ(405, r.status);
   EXPECT_EQ("GET, HEAD, POST", r.Header("Allow"));
-  r = RunGate({{"REQUEST_METHOD", "POST"},
-               {"QUERY_STRING", "sharing_id=" + hash},
-               {"CONTENT_TYPE", "application/x-www-form-urlencoded"},
-               {"CONTENT_LENGTH", "12x"}},
-              "password=abc");
-  EXPECT_EQ(400, r.status);
-  r = RunGate({{"REQUEST_METHOD", "HEAD"},
-               {"QUERY_STRING", "sharing_id=" + hash},
-               {"REMOTE_ADDR", "192.0.2.60"}});
+  Visitor plain("192.0.2.60");
+  EXPECT_EQ(400, plain.Post(hash, "password=abc", {{"CONTENT_LENGTH", "12x"}}).status);
+  r = plain.Post(hash, "", {{"REQUEST_METHOD", "HEAD"}});
   EXPECT_EQ(200, r.status);
   EXPECT_EQ("", r.body);
 }
