@@ -1,5 +1,9 @@
 # Benchmark of the visitor functions against a plain SQLite floor (scripts/bench). Built only
 # where Google Benchmark is installed; the floor links the same SQLite as the platform layer.
+# The benchmarks write their databases under KOVA_ROOT: never in a production build.
+if(NOT KOVA_ROOT_CLEAN)
+  return()
+endif()
 find_package(benchmark QUIET)
 if(NOT benchmark_FOUND)
   message(STATUS "Google Benchmark not found: no benchmark programs")

@@ -52,9 +52,9 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libkovasharing1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-# The PAM service includes the system's common stacks; libcrypto is opened at run time (MD5
-# digests), so dpkg-shlibdeps cannot see it.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libpam-runtime, libssl3")
+# The PAM service includes the system's common stacks; libcrypto (MD5 digests) and libgcrypt
+# (salted SHA-1 digests) are opened at run time, so dpkg-shlibdeps cannot see them.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libpam-runtime, libssl3, libgcrypt20")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${KOVA_PKG_DIR}/postinst;${KOVA_PKG_DIR}/postrm;\
 ${KOVA_PKG_DIR}/conffiles;${KOVA_PKG_DIR}/triggers")
 

@@ -17,17 +17,48 @@
 namespace KOVA {
 namespace sharing {
 
+namespace {
+
+// libgcrypt is loaded on the first salted SHA-1 digest, not with the library: a web process
+// that only checks a visitor's authorization never hashes a password, and would otherwise
+// pay for loading libgcrypt and libgpg-error on every request. The number is libgcrypt's
+// interface version, the one the library is built against.
+struct Sha1Calls {
+  decltype(&gcry_control) control = nullptr;
+  decltype(&gcry_md_get_algo_dlen) algo_dlen = nullptr;
+  decltype(&gcry_md_hash_buffer) hash_buffer = nullptr;
+};
+
+Sha1Calls const* LoadSha1() {
+  static Sha1Calls calls;
+  static bool const loaded = [] {
+    void* gcrypt = dlopen("libgcrypt.so.20", RTLD_NOW | RTLD_LOCAL);
+    if (gcrypt == nullptr) return false;
+    calls.control = reinterpret_cast<decltype(calls.control)>(dlsym(gcrypt, "gcry_control"));
+    calls.algo_dlen =
+        reinterpret_cast<decltype(calls.algo_dlen)>(dlsym(gcrypt, "gcry_md_get_algo_dlen"));
+    calls.hash_buffer =
+        reinterpret_cast<decltype(calls.hash_buffer)>(dlsym(gcrypt, "gcry_md_hash_buffer"));
+    return calls.control != nullptr && calls.algo_dlen != nullptr && calls.hash_buffer != nullptr;
+  }();
+  return loaded ? &calls : nullptr;
+}
+
+}  // namespace
+
 bool Sha1WithSaltHashPassword(std::string const& password, std::string const& salt,
                               std::string& out) {
+  Sha1Calls const* sha1 = LoadSha1();
+  if (sha1 == nullptr) return false;
   std::string const input = password + salt;
   // Repeated on every call: the library may be the first libgcrypt user of the process.
-  gcry_control(GCRYCTL_DISABLE_SECMEM, 0);
-  gcry_control(GCRYCTL_INITIALIZATION_FINISHED, 0);
-  unsigned int const len = gcry_md_get_algo_dlen(GCRY_MD_SHA1);
+  sha1->control(GCRYCTL_DISABLE_SECMEM, 0);
+  sha1->control(GCRYCTL_INITIALIZATION_FINISHED, 0);
+  unsigned int const len = sha1->algo_dlen(GCRY_MD_SHA1);
   char* text = static_cast<char*>(malloc(len * 2 + 1));
   if (text == nullptr) return false;
   unsigned char digest[64];
-  gcry_md_hash_buffer(GCRY_MD_SHA1, digest, input.data(), input.size());
+  sha1->hash_buffer(GCRY_MD_SHA1, digest, input.data(), input.size());
   for (unsigned int i = 0; i < len; ++i) {
     snprintf(text + i * 2, 3, "%02x", digest[i]);
   }

@@ -99,7 +99,7 @@ TEST(BenchFixes, FailedLoginStoreServesParentAndChildren) {
   EXPECT_EQ("0", Query(file, "SELECT COUNT(*) FROM fail_login WHERE addr = '198.51.100.77'"));
 }
 
-TEST(BenchFixes, SharedLibraryLoadsLibcryptoOnlyForMd5) {
+TEST(BenchFixes, SharedLibraryLoadsDigestLibrariesOnFirstUse) {
   // The shared library's own list of needed libraries (read in a child that loads it: this
   // test program holds the same code in its layer objects and links libcrypto itself).
   pid_t const pid = fork();
@@ -117,16 +117,24 @@ TEST(BenchFixes, SharedLibraryLoadsLibcryptoOnlyForMd5) {
     for (ElfW(Dyn) const* d = map->l_ld; d->d_tag != DT_NULL; ++d) {
       if (d->d_tag != DT_NEEDED) continue;
       ++needed;
-      if (std::string(strings + d->d_un.d_val).find("libcrypto") != std::string::npos) _exit(4);
+      std::string const name = strings + d->d_un.d_val;
+      if (name.find("libcrypto") != std::string::npos) _exit(4);
+      if (name.find("libgcrypt") != std::string::npos) _exit(6);
     }
     _exit(needed >= 2 ? 0 : 5);  // at least the platform library and libc are listed
   }
   int status = 0;
   ASSERT_EQ(pid, waitpid(pid, &status, 0));
   ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status)) << "4: the shared library needs libcrypto when loaded";
+  EXPECT_EQ(0, WEXITSTATUS(status))
+      << "4: the shared library needs libcrypto when loaded; 6: it needs libgcrypt";
   // The digest itself still comes from libcrypto, opened on first use.
   std::string digest;
   ASSERT_TRUE(KOVA::sharing::MD5HashPassword("abc", digest));
   EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", digest);
+  // The salted SHA-1 digest comes from libgcrypt, opened on first use: password, then salt.
+  ASSERT_TRUE(KOVA::sharing::Sha1WithSaltHashPassword("ab", "c", digest));
+  EXPECT_EQ("a9993e364706816aba3e25717850c26c9cd0d89d", digest);
+  ASSERT_TRUE(KOVA::sharing::Sha1WithSaltHashPassword("", "", digest));
+  EXPECT_EQ("da39a3ee5e6b4b0d3255bfef95601890afd80709", digest);
 }

@@ -1,6 +1,6 @@
 # What the benchmark's fixes keep true: the platform connection keeps an emptied write-ahead log
 # between processes, the failed-login store keeps its connection per process (and a child its
-# own), and the shared library does not load libcrypto until an MD5 digest is asked for.
+# own), and the shared library loads neither libcrypto nor libgcrypt until a digest is asked for.
 add_executable(test_bench_fixes ${CMAKE_CURRENT_LIST_DIR}/fixes_test.cpp)
 target_compile_options(test_bench_fixes PRIVATE ${KOVA_WARNINGS})
 target_compile_definitions(test_bench_fixes PRIVATE
