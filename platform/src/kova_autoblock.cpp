@@ -96,6 +96,14 @@ bool MakeDirectory() {
   return chmod(dir.c_str(), 0770) == 0 || geteuid() != 0;
 }
 
+// The writers need the store's directory; a failure to make it is logged once per call.
+bool DirectoryReady() {
+  if (MakeDirectory()) return true;
+  syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
+         (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
+  return false;
+}
+
 bool Exec(sqlite3* db, char const* sql) {
   char* error = nullptr;
   if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
@@ -249,11 +257,7 @@ int KovaCgiIsDeniedIP(const char* ip) {
 int AutoBlockFailLoginSet(const char* ip, const char* service) {
   std::string const texts[2] = {AddressKey(ip), service != nullptr ? service : ""};
   if (texts[0].empty()) return -1;
-  if (!MakeDirectory()) {
-    syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
-           (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
-    return -1;
-  }
+  if (!DirectoryReady()) return -1;
   SystemIdentity as_system;
   sqlite3* db = g_store.Acquire();
   if (db == nullptr) return -1;
@@ -273,11 +277,7 @@ int AutoBlockFailLoginSet(const char* ip, const char* service) {
 int KOVAAutoBlockFailLoginReset(const char* ip) {
   std::string const key = AddressKey(ip);
   if (key.empty()) return -1;
-  if (!MakeDirectory()) {
-    syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
-           (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
-    return -1;
-  }
+  if (!DirectoryReady()) return -1;
   SystemIdentity as_system;
   sqlite3* db = g_store.Acquire();
   if (db == nullptr) return -1;
