@@ -16,6 +16,7 @@
 
 #include <string>
 
+#include "busy_wait.h"
 #include "keep_wal.h"
 #include "kova_paths.h"
 
@@ -24,7 +25,6 @@ namespace {
 char const kSource[] = "kova_autoblock";
 uid_t const kSystemUid = 1;
 gid_t const kSystemGid = 1;
-int const kBusyTimeoutMs = 5000;
 
 // Runs the enclosed work as the system account when the caller may switch to it, and gives
 // the caller its identity back on leaving. A caller that cannot switch works as itself.
@@ -145,7 +145,7 @@ sqlite3* Open() {
     sqlite3_close(db);
     return nullptr;
   }
-  sqlite3_busy_timeout(db, kBusyTimeoutMs);
+  KovaBusyWait(db);
   KovaKeepWal(db);
   if (!Exec(db,
             "PRAGMA journal_mode = WAL;"

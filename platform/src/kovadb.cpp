@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "busy_wait.h"
 #include "keep_wal.h"
 
 struct KOVADB {
@@ -22,9 +23,6 @@ struct DBResult_tag {
 };
 
 namespace {
-
-// Concurrent CGI processes wait this long for the write lock instead of failing.
-constexpr int kBusyTimeoutMs = 5000;
 
 void KeepError(KOVADB* db) { db->error = sqlite3_errmsg(db->handle); }
 
@@ -45,7 +43,7 @@ KOVADB* KOVADBConnect(const char* host, const char* user, const char* password, 
     sqlite3_close(handle);
     return nullptr;
   }
-  sqlite3_busy_timeout(handle, kBusyTimeoutMs);
+  KovaBusyWait(handle);
   KovaKeepWal(handle);
   KOVADB* db = new KOVADB;
   db->handle = handle;

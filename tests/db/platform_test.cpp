@@ -100,15 +100,21 @@ TEST(KovaDB, WriterWaitsForTheLockInsteadOfFailing) {
   KOVADB* holder = KOVADBConnect("", "", "", path.c_str());
   KOVADB* waiter = KOVADBConnect("", "", "", path.c_str());
   ASSERT_EQ(0, KOVADBExecute(holder, "BEGIN IMMEDIATE;INSERT INTO t VALUES (1);", nullptr));
-  std::thread release([holder] {
+  std::chrono::steady_clock::time_point released;
+  std::thread release([holder, &released] {
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     KOVADBExecute(holder, "COMMIT", nullptr);
+    released = std::chrono::steady_clock::now();
   });
   auto const start = std::chrono::steady_clock::now();
   EXPECT_EQ(0, KOVADBExecute(waiter, "INSERT INTO t VALUES (2);", nullptr))
       << KOVADBErrorGet(waiter);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+  auto const done = std::chrono::steady_clock::now();
   release.join();
+  EXPECT_GE(done - start, std::chrono::milliseconds(300));
+  // The waiter retries every millisecond by then; SQLite's own wait would sleep on for
+  // another 25 ms or so past the release.
+  EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(done - released).count(), 15);
   EXPECT_EQ("2", Sql(path, "SELECT COUNT(*) FROM t"));
   KOVADBClose(holder);
   KOVADBClose(waiter);
