@@ -185,9 +185,14 @@ Json::Value EntryPrivate::DataJSON() const {
 }
 
 std::vector<std::string> EntryPrivate::GetFieldList() const {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  writer["emitUTF8"] = true;
+  // Built once: making the builder fills a settings object member by member, which cost more
+  // than writing the data itself.
+  static Json::StreamWriterBuilder const writer = [] {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return builder;
+  }();
   return {
       hash_,
       project_name_,
