@@ -24,6 +24,7 @@ class EntryDBPrivate : public ObjectDB {
   bool Delete(int id) override;
 
   bool CreateWithHash(record::Entry& entry);
+  Lookup FindByHash(std::string const& hash, record::Entry& entry) const;
   bool GetByHash(std::string const& hash, record::Entry& entry) const;
   bool GetByToken(record::Token const& token, record::Entry& entry) const;
   bool PurgeExpired(float probability);

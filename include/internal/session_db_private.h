@@ -23,6 +23,7 @@ class SessionDBPrivate : public ObjectDB {
   bool Delete(int id) override;
 
   bool CreateWithSessionId(record::Session& session);
+  Lookup FindBySessionId(std::string const& sid, record::Session& session) const;
   bool GetBySessionId(std::string const& sid, record::Session& session) const;
   bool DeleteBySessionId(std::string const& sid);
   bool PurgeExpired(float probability);

@@ -24,6 +24,8 @@ class TokenDBPrivate : public ObjectDB {
 
   bool PurgeExpired(float probability);
   bool PurgeByEntry(record::Entry const& entry);
+  Lookup FindBySessionEntry(record::Session const& session, record::Entry const& entry,
+                            record::Token& token) const;
   bool GetBySessionEntry(record::Session const& session, record::Entry const& entry,
                          record::Token& token) const;
 };

@@ -37,7 +37,11 @@ class KOVA_EXPORT BaseDB {
   bool GetLastInsertId(int& id) const;
 
   bool Begin();
+  // Begins a write transaction that takes the write lock at once (waiting for it like any
+  // statement), so that rows read inside it cannot change before they are written back.
+  bool BeginImmediate();
   bool Commit();  // rolls back when the commit fails
+  bool Rollback();
   bool Vacuum();
   bool ExecuteWALCheckPoint();
 
@@ -51,6 +55,28 @@ class KOVA_EXPORT BaseDB {
 
  private:
   BaseDBPrivate* d_;
+};
+
+// A read-check-write of rows as one write transaction: begun at once by the constructor and
+// rolled back by the destructor unless Commit() succeeded. An application that reads an entry,
+// changes it and stores it again does so inside one, so that no change another process made in
+// between is lost. Make the stores used inside before it: a store checkpoints the log when it
+// goes, which cannot happen inside a transaction.
+class KOVA_EXPORT WriteTransaction {
+ public:
+  explicit WriteTransaction(BaseDB& db);
+  ~WriteTransaction();
+  WriteTransaction(WriteTransaction const&) = delete;
+  WriteTransaction& operator=(WriteTransaction const&) = delete;
+
+  // False when the transaction could not begin (the database is not good, or stayed locked).
+  bool IsOpen() const { return open_; }
+  // False when nothing was open or the commit failed (the work is then rolled back).
+  bool Commit();
+
+ private:
+  BaseDB& db_;
+  bool open_;
 };
 
 }  // namespace db

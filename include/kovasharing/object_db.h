@@ -16,6 +16,12 @@ namespace KOVA {
 namespace sharing {
 namespace db {
 
+// What a look-up of one row found: a legal record, nothing (no row, or a row that is not legal,
+// such as an expired one), or a statement that could not run (a locked or damaged database).
+// Callers that answer visitors tell the last apart, so that a failure is never taken for
+// "no such link".
+enum class Lookup { kFound, kAbsent, kFailed };
+
 class KOVA_EXPORT ObjectDB {
  public:
   ObjectDB(BaseDB& db, char const* table);
@@ -37,6 +43,9 @@ class KOVA_EXPORT ObjectDB {
   Condition& GetCondition() const;
 
  protected:
+  // Reads the first row of `sql` into `obj` (further rows are not read).
+  Lookup FindOne(std::string const& sql, record::Object& obj) const;
+
   BaseDB& db_;
   char const* table_;
   int flag_;

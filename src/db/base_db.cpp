@@ -252,7 +252,11 @@ bool BaseDB::GetLastInsertId(int& id) const { return d_->GetLastInsertId(id); }
 
 bool BaseDB::Begin() { return d_->Begin(); }
 
+bool BaseDB::BeginImmediate() { return d_->Execute("BEGIN IMMEDIATE TRANSACTION", nullptr); }
+
 bool BaseDB::Commit() { return d_->Commit(); }
+
+bool BaseDB::Rollback() { return d_->Execute("ROLLBACK", nullptr); }
 
 bool BaseDB::Vacuum() { return d_->Execute("VACUUM", nullptr); }
 
@@ -270,6 +274,20 @@ bool BaseDB::Update(std::string const& table, std::map<std::string, std::string>
 }
 
 bool BaseDB::Delete(std::string const& table, int id) { return d_->Delete(table, id); }
+
+// ---------------------------------------------------------------- WriteTransaction
+
+WriteTransaction::WriteTransaction(BaseDB& db) : db_(db), open_(db.BeginImmediate()) {}
+
+WriteTransaction::~WriteTransaction() {
+  if (open_) db_.Rollback();
+}
+
+bool WriteTransaction::Commit() {
+  if (!open_) return false;
+  open_ = false;
+  return db_.Commit();
+}
 
 }  // namespace db
 }  // namespace sharing

@@ -54,14 +54,14 @@ bool EntryDBPrivate::CreateWithHash(record::Entry& entry) {
   return created;
 }
 
+Lookup EntryDBPrivate::FindByHash(std::string const& hash, record::Entry& entry) const {
+  return FindOne(
+      std::string("SELECT * FROM ") + table_ + " WHERE hash = '" + db_.Escape(hash) + "'",
+      entry.GetObject());
+}
+
 bool EntryDBPrivate::GetByHash(std::string const& hash, record::Entry& entry) const {
-  std::string const sql =
-      std::string("SELECT * FROM ") + table_ + " WHERE hash = '" + db_.Escape(hash) + "'";
-  Result result;
-  if (!db_.Execute(sql, result) || !result.IsGood()) return false;
-  Row row;
-  if (!result.NextRow(row)) return false;
-  return entry.FromRow(row);
+  return FindByHash(hash, entry) == Lookup::kFound;
 }
 
 bool EntryDBPrivate::GetByToken(record::Token const& token, record::Entry& entry) const {

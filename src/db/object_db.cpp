@@ -64,18 +64,17 @@ bool ObjectDB::Delete(int id) {
 
 bool ObjectDB::Delete(record::Object const& obj) { return Delete(obj.get_id()); }
 
-bool ObjectDB::GetById(int id, record::Object& obj) const {
+Lookup ObjectDB::FindOne(std::string const& sql, record::Object& obj) const {
   Result result;
-  if (!db_.Execute(std::string("SELECT * FROM ") + table_ + " WHERE id = " + std::to_string(id),
-                   result) ||
-      !result.IsGood()) {
-    return false;
-  }
+  if (!db_.Execute(sql, result) || !result.IsGood()) return Lookup::kFailed;
   Row row;
-  if (!result.NextRow(row)) {
-    return false;
-  }
-  return obj.FromRow(row);
+  if (!result.NextRow(row)) return Lookup::kAbsent;
+  return obj.FromRow(row) ? Lookup::kFound : Lookup::kAbsent;
+}
+
+bool ObjectDB::GetById(int id, record::Object& obj) const {
+  return FindOne(std::string("SELECT * FROM ") + table_ + " WHERE id = " + std::to_string(id),
+                 obj) == Lookup::kFound;
 }
 
 bool ObjectDB::Count(int& count) const {

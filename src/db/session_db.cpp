@@ -39,15 +39,15 @@ bool SessionDBPrivate::CreateWithSessionId(record::Session& session) {
   return created;
 }
 
-bool SessionDBPrivate::GetBySessionId(std::string const& sid, record::Session& session) const {
-  std::string const sql =
-      std::string("SELECT * FROM ") + table_ + " WHERE session_id = '" + db_.Escape(sid) + "'";
-  Result result;
-  if (!db_.Execute(sql, result) || !result.IsGood()) return false;
-  Row row;
-  if (!result.NextRow(row)) return false;
+Lookup SessionDBPrivate::FindBySessionId(std::string const& sid, record::Session& session) const {
   // An expired row fills the session but reads as absent.
-  return session.FromRow(row);
+  return FindOne(
+      std::string("SELECT * FROM ") + table_ + " WHERE session_id = '" + db_.Escape(sid) + "'",
+      session.GetObject());
+}
+
+bool SessionDBPrivate::GetBySessionId(std::string const& sid, record::Session& session) const {
+  return FindBySessionId(sid, session) == Lookup::kFound;
 }
 
 bool SessionDBPrivate::DeleteBySessionId(std::string const& sid) {

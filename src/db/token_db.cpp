@@ -36,17 +36,18 @@ bool TokenDBPrivate::PurgeByEntry(record::Entry const& entry) {
   return db_.Execute(sql);
 }
 
+Lookup TokenDBPrivate::FindBySessionEntry(record::Session const& session,
+                                          record::Entry const& entry, record::Token& token) const {
+  // Only the first row counts: an expired one hides a live one for the same pair.
+  return FindOne(std::string("SELECT * FROM ") + table_ + " WHERE session_id = " +
+                     std::to_string(session.get_id()) +
+                     " AND entry_id = " + std::to_string(entry.get_id()),
+                 token.GetObject());
+}
+
 bool TokenDBPrivate::GetBySessionEntry(record::Session const& session, record::Entry const& entry,
                                        record::Token& token) const {
-  std::string const sql = std::string("SELECT * FROM ") + table_ +
-                          " WHERE session_id = " + std::to_string(session.get_id()) +
-                          " AND entry_id = " + std::to_string(entry.get_id());
-  Result result;
-  if (!db_.Execute(sql, result) || !result.IsGood()) return false;
-  Row row;
-  if (!result.NextRow(row)) return false;
-  // Only the first row counts: an expired one hides a live one for the same pair.
-  return token.FromRow(row);
+  return FindBySessionEntry(session, entry, token) == Lookup::kFound;
 }
 
 TokenDB::TokenDB(BaseDB& db) : d_(new TokenDBPrivate(db)) {}

@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -16,6 +17,9 @@
 
 #include "kova_autoblock.h"
 #include "kova_cgi.h"
+#include "internal/entry_db_private.h"
+#include "internal/session_db_private.h"
+#include "internal/token_db_private.h"
 #include "kova_user.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/entry.h"
@@ -29,10 +33,12 @@
 
 namespace {
 
-using KOVA::sharing::db::EntryDB;
-using KOVA::sharing::db::SessionDB;
+using KOVA::sharing::db::EntryDBPrivate;
+using KOVA::sharing::db::Lookup;
+using KOVA::sharing::db::SessionDBPrivate;
 using KOVA::sharing::db::SharingDB;
-using KOVA::sharing::db::TokenDB;
+using KOVA::sharing::db::TokenDBPrivate;
+using KOVA::sharing::db::WriteTransaction;
 using KOVA::sharing::record::Entry;
 using KOVA::sharing::record::Session;
 using KOVA::sharing::record::Token;
@@ -107,9 +113,9 @@ int CheckAccount(Entry const& entry, _tag_sharing_login_params const* params, un
 
 // Finds or makes the session and the token of a login that passed every check. False leaves
 // `token` as it then stands, for the caller to delete.
-bool StoreLogin(SharingDB& sdb, SessionDB& session_db, TokenDB& token_db, Entry const& entry,
-                _tag_sharing_login_params const* params, unsigned int uid, Session& session,
-                Token& token) {
+bool StoreLogin(SharingDB& sdb, SessionDBPrivate& session_db, TokenDBPrivate& token_db,
+                Entry const& entry, _tag_sharing_login_params const* params, unsigned int uid,
+                Session& session, Token& token) {
   if (!sdb.IsGood()) return false;
   char address[kAddressSize];
   memset(address, 0, sizeof address);
@@ -128,30 +134,94 @@ bool StoreLogin(SharingDB& sdb, SessionDB& session_db, TokenDB& token_db, Entry 
 
   if (token_db.GetBySessionEntry(session, entry, token)) {
     token.set_timeout(timeout);
-    if (!token_db.Update(token)) return false;
+    if (!token_db.Update(token.GetCObject())) return false;
   } else {
     token = Token();  // likewise: the expired row stays as it is, the new token starts empty
     token.set_session_id(session.get_id()).set_entry_id(entry.get_id()).set_timeout(timeout);
-    if (!token_db.Create(token)) return false;
+    if (!token_db.Create(token.GetObject())) return false;
   }
 
   if (entry.get_protect_type() == Entry::PROTECT_USER) session.set_uid(uid);
-  return session_db.Update(session);
+  return session_db.Update(session.GetCObject());
 }
 
-// The plain forms take C texts; a null one is refused the same way on every standard library.
-std::string Text(char const* text) {
-  if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
-  return std::string(text);
+bool UsedUp(Entry const& entry) {
+  return entry.get_expire_times() > 0 && entry.get_use_count() >= entry.get_expire_times();
 }
 
-}  // namespace
+// What the checks of a login look at: every column but the use count.
+std::map<std::string, std::string> CheckedFields(Entry const& entry) {
+  std::map<std::string, std::string> fields = entry.GetFieldMap();
+  fields.erase(KOVA::sharing::SZK_USE_COUNT);
+  return fields;
+}
 
-namespace KOVA {
+// The entry's protection against the visitor's password or account. 1 lets the visitor in
+// (for an account link `uid` receives the account); otherwise the login's refusal, counted as
+// a failed login where it is a guess.
+int CheckProtection(Entry const& entry, _tag_sharing_login_params const* params, bool quiet,
+                    char const* address, unsigned int& uid) {
+  switch (entry.get_protect_type()) {
+    case Entry::PROTECT_PASSWORD: {
+      int code = 1;
+      if (params->password == nullptr) {
+        code = -3;
+      } else if (!entry.IsPasswordValid(params->password)) {
+        code = -9;
+      }
+      if (code != 1) AutoBlockFailLoginSet(address, kService);
+      return code;
+    }
+    case Entry::PROTECT_USER: {
+      int const result = CheckAccount(entry, params, uid);
+      if (result == kAccountOk) return 1;
+      if (result == kAccountNotAllowed) {
+        // A quiet caller probes several accounts on purpose; that is no attack.
+        if (!quiet) AutoBlockFailLoginSet(address, kService);
+        return -10;
+      }
+      AutoBlockFailLoginSet(address, kService);
+      return result == kAccountLoginRefused ? -2 : -3;
+    }
+    default:
+      return 1;
+  }
+}
 
-int KovaSharingLogin(std::string& session_id, _tag_sharing_login_params const* params, bool quiet) {
+enum class Counted { kDone, kNotStored, kChanged, kLocked };
+
+// Counts the use of a login that passed its checks, in one write transaction that reads the
+// entry again: no change made by another process since the checks is lost, and a use limit
+// admits exactly as many visitors as it allows however many arrive at once. kChanged: the
+// entry is no longer the one that was checked (gone, changed by an administrator, used up or
+// no longer valid); `entry` and `found` then hold what was read, for the checks to run again.
+// The password digest and the account login stay outside: the transaction only reads and
+// writes one row.
+Counted CountUse(SharingDB& sdb, EntryDBPrivate const& entry_db, std::string const& hash,
+                 Entry& entry, Lookup& found) {
+  WriteTransaction transaction(sdb);
+  if (!transaction.IsOpen()) return Counted::kLocked;
+  Entry current;
+  found = entry_db.FindByHash(hash, current);
+  if (found != Lookup::kFound || !current.IsValid() || UsedUp(current) ||
+      CheckedFields(current) != CheckedFields(entry)) {
+    entry = current;
+    return Counted::kChanged;
+  }
+  current.inc_use_count();
+  bool const stored = const_cast<EntryDBPrivate&>(entry_db).Update(current.GetCObject()) &&
+                      transaction.Commit();
+  entry = current;
+  return stored ? Counted::kDone : Counted::kNotStored;
+}
+
+// An entry changed by an administrator while visitors log in is checked again; this bounds
+// how often one login does so before it gives up.
+int const kMaxRounds = 4;
+
+int Login(std::string& session_id, _tag_sharing_login_params const* params, bool quiet) {
   SharingDB& sdb = SharingDB::Instance();
-  EntryDB entry_db(sdb);
+  EntryDBPrivate entry_db(sdb);
   if (params == nullptr || !sdb.IsGood() || params->hash == nullptr) return -4;
 
   char address[kAddressSize];
@@ -162,57 +232,39 @@ int KovaSharingLogin(std::string& session_id, _tag_sharing_login_params const* p
     return -8;
   }
 
+  std::string const hash = params->hash;
   Entry entry;
-  if (!entry_db.GetByHash(params->hash, entry)) return -3;
-  if (!entry.IsValid()) return -3;
-  if (entry.get_expire_times() > 0 && entry.get_use_count() >= entry.get_expire_times()) {
-    return -11;
-  }
-
-  unsigned int uid = sharing::UID_ERR;
-  switch (entry.get_protect_type()) {
-    case Entry::PROTECT_PASSWORD: {
-      int code = 0;
-      if (params->password == nullptr) {
-        code = -3;
-      } else if (!entry.IsPasswordValid(params->password)) {
-        code = -9;
-      }
-      if (code != 0) {
-        AutoBlockFailLoginSet(address, kService);
-        return code;
-      }
+  Lookup found = entry_db.FindByHash(hash, entry);
+  unsigned int uid = KOVA::sharing::UID_ERR;
+  for (int round = 1;; ++round) {
+    // A failed read is no answer about the link: the visitor gets an internal failure, never
+    // "no such link".
+    if (found == Lookup::kFailed) return -4;
+    if (found == Lookup::kAbsent || !entry.IsValid()) return -3;
+    if (UsedUp(entry)) return -11;
+    int const code = CheckProtection(entry, params, quiet, address, uid);
+    if (code != 1) return code;
+    // The use is counted before the session is made: a login that fails from here on has
+    // still used the link.
+    Counted const counted = CountUse(sdb, entry_db, hash, entry, found);
+    if (counted == Counted::kDone) break;
+    if (counted != Counted::kChanged) {
+      // The use could not be stored: the login goes on, unless the link has a use limit,
+      // which an uncounted use could pass.
+      syslog(LOG_ERR, "%s:%d update entry use count fail", kSource, __LINE__);
+      if (entry.get_expire_times() > 0) return -4;
       break;
     }
-    case Entry::PROTECT_USER: {
-      int const result = CheckAccount(entry, params, uid);
-      if (result == kAccountOk) break;
-      if (result == kAccountNotAllowed) {
-        // A quiet caller probes several accounts on purpose; that is no attack.
-        if (quiet) return -10;
-        AutoBlockFailLoginSet(address, kService);
-        return -10;
-      }
-      AutoBlockFailLoginSet(address, kService);
-      return result == kAccountLoginRefused ? -2 : -3;
-    }
-    default:
-      break;
+    if (round == kMaxRounds) return -4;  // an entry that keeps changing under the login
   }
 
-  // The use is counted before the session is made: a login that fails from here on has still
-  // used the link.
-  if (!KovaSharingIncreaseUseCount(std::string(params->hash))) {
-    syslog(LOG_ERR, "%s:%d update entry use count fail", kSource, __LINE__);
-  }
-
-  SessionDB session_db(sdb);
-  TokenDB token_db(sdb);
+  SessionDBPrivate session_db(sdb);
+  TokenDBPrivate token_db(sdb);
   Session session;
   Token token;
   if (!StoreLogin(sdb, session_db, token_db, entry, params, uid, session, token)) {
     // A token made or refreshed above must not outlive the failed login.
-    token_db.Delete(token);
+    token_db.Delete(token.GetCObject());
     return -4;
   }
 
@@ -221,11 +273,11 @@ int KovaSharingLogin(std::string& session_id, _tag_sharing_login_params const* p
   return 1;
 }
 
-int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
+int IsAuthorized(_tag_sharing_login_params const* params) {
   SharingDB& sdb = SharingDB::Instance();
-  SessionDB session_db(sdb);
-  TokenDB token_db(sdb);
-  EntryDB entry_db(sdb);
+  SessionDBPrivate session_db(sdb);
+  TokenDBPrivate token_db(sdb);
+  EntryDBPrivate entry_db(sdb);
   Session session;
   Token token;
   Entry entry;
@@ -246,9 +298,13 @@ int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
     return -4;
   }
 
-  if (!session_db.GetBySessionId(params->session_id, session)) return -5;
-  if (!entry_db.GetByHash(params->hash, entry)) return -7;
-  if (!token_db.GetBySessionEntry(session, entry, token)) return -7;
+  // A read that fails (a locked or damaged database) is an internal failure, not a visitor
+  // without a session or a link.
+  Lookup found = session_db.FindBySessionId(params->session_id, session);
+  if (found != Lookup::kFound) return found == Lookup::kFailed ? -4 : -5;
+  found = entry_db.FindByHash(params->hash, entry);
+  if (found == Lookup::kFound) found = token_db.FindBySessionEntry(session, entry, token);
+  if (found != Lookup::kFound) return found == Lookup::kFailed ? -4 : -7;
 
   if (!entry.IsValid()) {
     syslog(LOG_ERR, "%s:%d entry is not valid", kSource, __LINE__);
@@ -262,7 +318,7 @@ int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
   }
   if (!token.IsLegal()) {
     syslog(LOG_ERR, "%s:%d token is not valid", kSource, __LINE__);
-    if (!token_db.Delete(token)) {
+    if (!token_db.Delete(token.GetCObject())) {
       syslog(LOG_ERR, "%s:%d delete token failed", kSource, __LINE__);
       return -4;
     }
@@ -288,23 +344,23 @@ int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
 
   long const timeout = time(nullptr) + kLifetime;
   session.set_timeout(timeout);
-  if (!session_db.Update(session)) {
+  if (!session_db.Update(session.GetCObject())) {
     syslog(LOG_ERR, "%s:%d update session failed", kSource, __LINE__);
     return -4;
   }
   token.set_timeout(timeout);
-  if (!token_db.Update(token)) {
+  if (!token_db.Update(token.GetCObject())) {
     syslog(LOG_ERR, "%s:%d update token failed", kSource, __LINE__);
     return -4;
   }
   return 1;
 }
 
-int KovaSharingLogout(std::string const& hash, std::string const& session_id) {
+int Logout(std::string const& hash, std::string const& session_id) {
   SharingDB& sdb = SharingDB::Instance();
-  EntryDB entry_db(sdb);
-  SessionDB session_db(sdb);
-  TokenDB token_db(sdb);
+  EntryDBPrivate entry_db(sdb);
+  SessionDBPrivate session_db(sdb);
+  TokenDBPrivate token_db(sdb);
   Entry entry;
   Session session;
   Token token;
@@ -321,17 +377,62 @@ int KovaSharingLogout(std::string const& hash, std::string const& session_id) {
     syslog(LOG_ERR, "%s:%d get token failed", kSource, __LINE__);
     return 0;
   }
-  return token_db.Delete(token) ? 1 : 0;
+  return token_db.Delete(token.GetCObject()) ? 1 : 0;
 }
 
-int KovaSharingIncreaseUseCount(std::string const& hash) {
+// One use more, read and written back in one write transaction so that uses counted at the
+// same moment by other processes are all kept.
+int IncreaseUseCount(std::string const& hash) {
   SharingDB& sdb = SharingDB::Instance();
-  EntryDB entry_db(sdb);
+  EntryDBPrivate entry_db(sdb);
   if (!sdb.IsGood()) return 0;
+  WriteTransaction transaction(sdb);
+  if (!transaction.IsOpen()) return 0;
   Entry entry;
   if (!entry_db.GetByHash(hash, entry)) return 0;
   entry.inc_use_count();
-  return entry_db.Update(entry) ? 1 : 0;
+  return entry_db.Update(entry.GetCObject()) && transaction.Commit() ? 1 : 0;
+}
+
+// The plain forms take C texts; a null one is refused (and logged) like any other failure.
+std::string Text(char const* text) {
+  if (text == nullptr) throw std::logic_error("basic_string::_M_construct null not valid");
+  return std::string(text);
+}
+
+// Nothing thrown inside (a damaged table, no memory) leaves a visitor function: the caller
+// gets the function's failure code and the system log the reason.
+template <class Call>
+int Guarded(int failure, char const* function, Call const& call) {
+  try {
+    return call();
+  } catch (std::exception const& e) {
+    syslog(LOG_ERR, "%s:%d (%u) %s failed: %s", kSource, __LINE__, (unsigned)getpid(), function,
+           e.what());
+  } catch (...) {
+    syslog(LOG_ERR, "%s:%d (%u) %s failed", kSource, __LINE__, (unsigned)getpid(), function);
+  }
+  return failure;
+}
+
+}  // namespace
+
+namespace KOVA {
+
+int KovaSharingLogin(std::string& session_id, _tag_sharing_login_params const* params, bool quiet) {
+  return Guarded(-4, "login", [&] { return Login(session_id, params, quiet); });
+}
+
+int KovaSharingIsAuthorized(_tag_sharing_login_params const* params) {
+  return Guarded(-4, "authorization check", [&] { return IsAuthorized(params); });
+}
+
+int KovaSharingLogout(std::string const& hash, std::string const& session_id) {
+  return Guarded(0, "logout", [&] { return Logout(hash, session_id); });
+}
+
+int KovaSharingIncreaseUseCount(std::string const& hash) {
+  return Guarded(0, "use count", [&] { return IncreaseUseCount(hash); });
 }
 
 }  // namespace KOVA
@@ -342,7 +443,7 @@ int KovaSharingLogin(char* buf, unsigned int size, const struct _tag_sharing_log
                      int quiet) {
   std::string session_id;
   int const result = KOVA::KovaSharingLogin(session_id, params, quiet == 1);
-  if (buf == nullptr || size == 0) return result;
+  if (buf == nullptr || size == 0) return result;  // nothing to copy into
   // No terminator right after a shorter id: only the last byte of the buffer is written.
   size_t const n = session_id.size() < size ? session_id.size() : size;
   strncpy(buf, session_id.c_str(), n);
@@ -355,11 +456,11 @@ int KovaSharingIsAuthorized(const struct _tag_sharing_login_params* params) {
 }
 
 int KovaSharingLogout(const char* hash, const char* session_id) {
-  return KOVA::KovaSharingLogout(Text(hash), Text(session_id));
+  return Guarded(0, "logout", [&] { return Logout(Text(hash), Text(session_id)); });
 }
 
 int KovaSharingIncreaseUseCount(const char* hash) {
-  return KOVA::KovaSharingIncreaseUseCount(Text(hash));
+  return Guarded(0, "use count", [&] { return IncreaseUseCount(Text(hash)); });
 }
 
 }  // extern "C"

@@ -49,8 +49,8 @@ std::string Shape(std::string const& path) {
 
 std::string const kV2 =
     "2;entry(id,hash,project_name,enabled,owner_uid,start_at,expire_at,expire_times,use_count,"
-    "auto_gc,data),entry_expire_at,entry_hash,entry_owner_project,session(id,session_id,uid,ip,"
-    "timeout),session_session_id,session_timeout,token(id,entry_id,session_id,timeout),"
+    "auto_gc,data),entry_expire_at,entry_hash,entry_owner_project,entry_tokens,session(id,session_id,uid,ip,"
+    "timeout),session_session_id,session_timeout,session_tokens,token(id,entry_id,session_id,timeout),"
     "token_entry,token_session_entry,token_timeout";
 
 std::string Failed(std::string const& script, std::string const& why, int from) {
