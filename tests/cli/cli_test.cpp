@@ -418,6 +418,7 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {with({"--password", "x", "--users", "bob"}), 2, "choose one protection"},
       {with({"--password-stdin"}), 2, "the password is empty"},
       {with({"--enabled", "maybe"}), 2, "neither yes nor no"},
+      {{"create", "--project", "''", "--owner", "alice"}, 2, "project_name value cannot be stored"},
       {{"update", hash}, 2, "update: nothing to change"},
       {{"delete"}, 2, "missing HASH or --owner USER"},
       {with({"--expire-at", "tomorrow"}), 3, "not a local time of the form YYYY-MM-DD HH:MM:SS"},

@@ -53,26 +53,22 @@ SharingDB& Database() {
   throw Error(kDatabase, what + (detail.empty() ? "" : ": " + OneLine(detail)));
 }
 
-// One write transaction taken at once, so that counts read inside it match what the
-// statements inside it change. Rolled back unless committed. The stores used inside must
-// outlive it: each store checkpoints the log when it goes, which must not happen mid-way.
-class WriteTransaction {
+// One write transaction taken at once (the library's), so that counts read inside it match what
+// the statements inside it change and a row read inside it is written back unchanged by
+// others. Rolled back unless committed. The stores used inside must outlive it: each store
+// checkpoints the log when it goes, which must not happen mid-way.
+class Transaction {
  public:
-  explicit WriteTransaction(BaseDB& db) : db_(db) {
-    if (!db_.Execute("BEGIN IMMEDIATE")) DatabaseFailure(db_, "cannot lock the database");
-    open_ = true;
-  }
-  ~WriteTransaction() {
-    if (open_) db_.Execute("ROLLBACK");
+  explicit Transaction(BaseDB& db) : db_(db), transaction_(db) {
+    if (!transaction_.IsOpen()) DatabaseFailure(db_, "cannot lock the database");
   }
   void Commit() {
-    open_ = false;
-    if (!db_.Commit()) DatabaseFailure(db_, "cannot commit the change");
+    if (!transaction_.Commit()) DatabaseFailure(db_, "cannot commit the change");
   }
 
  private:
   BaseDB& db_;
-  bool open_ = false;
+  KOVA::sharing::db::WriteTransaction transaction_;
 };
 
 // Rows the store's current condition selects (the whole table when it is empty).
@@ -114,7 +110,10 @@ bool WantsJson(Args const& args) { return args.Has("json"); }
 
 // ---------------------------------------------------------------- entry fields
 
+// Read once per run: an update applies its fields twice (see RunUpdate).
 std::string ReadPassword(Args const& args) {
+  static std::string read;
+  if (!read.empty()) return read;
   bool const from_stdin = args.Has("password-stdin");
   if (from_stdin && args.Has("password")) {
     UsageError(args.command(), "give --password or --password-stdin, not both");
@@ -123,6 +122,7 @@ std::string ReadPassword(Args const& args) {
   if (from_stdin && !std::getline(std::cin, password)) password.clear();
   if (!password.empty() && password.back() == '\r') password.pop_back();
   if (password.empty()) UsageError(args.command(), "the password is empty");
+  read = password;
   return password;
 }
 
@@ -260,6 +260,18 @@ Applied ApplyFields(Args const& args, Entry& entry) {
   return applied;
 }
 
+// The database keeps a text only when its escaped form fits the escape routine's room (twice
+// its length): a text of nothing but quotes does not, and would be stored empty. Such a value
+// is refused rather than stored as something else.
+void CheckStorable(std::string const& cmd, BaseDB& db, Entry const& entry) {
+  for (auto const& field : entry.GetFieldMap()) {
+    if (!field.second.empty() && db.Escape(field.second).empty()) {
+      UsageError(
+          cmd, "the " + field.first + " value cannot be stored as given (too many single quotes)");
+    }
+  }
+}
+
 void PrintEntryFields(Entry const& entry, Json::Value const& json) {
   static char const* const kOrder[] = {"hash",
                                        "project_name",
@@ -296,6 +308,7 @@ int RunCreate(Args const& args) {
   entry.set_app(Json::Value(Json::objectValue));
   ApplyFields(args, entry);
   SharingDB& db = Database();
+  CheckStorable("create", db, entry);
   EntryDB store(db);
   if (!store.CreateWithHash(entry)) DatabaseFailure(db, "cannot store the entry");
   if (WantsJson(args)) {
@@ -448,14 +461,23 @@ int RunUpdate(Args const& args) {
   SharingDB& db = Database();
   EntryDB store(db);
   TokenDB tokens(db);
-  Entry entry = LoadEntry(store, args.positional()[0]);
+  std::string const hash = args.positional()[0];
+  // Every value is checked (and a password read) on the entry as first read, before anything
+  // is locked.
+  Entry entry = LoadEntry(store, hash);
   Applied const applied = ApplyFields(args, entry);
   if (!applied.any) UsageError("update", "nothing to change");
   if (!entry.IsLegal()) {
     UsageError("update", "the change would leave the entry incomplete");
   }
   {
-    WriteTransaction transaction(db);
+    // The change is applied again to the entry as it stands inside the transaction, so that
+    // nothing written since the first read (a visitor's use, another change) is lost.
+    Transaction transaction(db);
+    entry = LoadEntry(store, hash);
+    ApplyFields(args, entry);
+    if (!entry.IsLegal()) UsageError("update", "the change would leave the entry incomplete");
+    CheckStorable("update", db, entry);
     if (!store.Update(entry)) DatabaseFailure(db, "cannot store the entry");
     // New protection: visitors admitted under the old one must pass the new one.
     if (applied.protection && !tokens.PurgeByEntry(entry)) {
@@ -492,26 +514,18 @@ int RunDelete(Args const& args) {
   unsigned int const owner = by_owner ? UserId(args.Get("owner")) : UID_ERR;
   SharingDB& db = Database();
   EntryDB store(db);
-  TokenDB tokens(db);
   if (!by_owner) {
+    // The entry's tokens go with it (the schema's trigger), in the same statement.
     Entry const entry = LoadEntry(store, args.positional()[0]);
-    WriteTransaction transaction(db);
-    if (!tokens.PurgeByEntry(entry) || !store.Delete(entry)) {
-      DatabaseFailure(db, "cannot delete the entry");
-    }
+    Transaction transaction(db);
+    if (!store.Delete(entry)) DatabaseFailure(db, "cannot delete the entry");
     transaction.Commit();
     PrintCount(args, "deleted", 1, "deleted");
     return kOk;
   }
   int count = 0;
   {
-    WriteTransaction transaction(db);
-    std::vector<Entry> entries;
-    store.GetCondition().Where("owner_uid", std::to_string(owner));
-    if (!store.Query(entries)) DatabaseFailure(db, "cannot read the entries");
-    for (auto const& entry : entries) {
-      if (!tokens.PurgeByEntry(entry)) DatabaseFailure(db, "cannot end the entries' sessions");
-    }
+    Transaction transaction(db);
     store.GetCondition().Where("owner_uid", std::to_string(owner));
     count = CountRows(db, store, "entries");
     if (!store.DeleteByOwnerUid(owner)) DatabaseFailure(db, "cannot delete the entries");
@@ -532,20 +546,13 @@ int RunPurge(Args const& args) {
   TokenDB tokens(db);
   int removed[3] = {0, 0, 0};
   {
-    WriteTransaction transaction(db);
+    Transaction transaction(db);
     int before[3] = {0, 0, 0};
     int after[3] = {0, 0, 0};
     before[0] = CountRows(db, entries, "entries");
     before[1] = CountRows(db, sessions, "sessions");
     before[2] = CountRows(db, tokens, "tokens");
-    // Tokens of the entries about to go would outlive them by up to a day; take them along.
-    std::vector<Entry> going;
-    entries.GetCondition().Where((all ? "" : "auto_gc = 1 AND ") +
-                                 ExpiredFilter(static_cast<long>(time(nullptr))));
-    if (!entries.Query(going)) DatabaseFailure(db, "cannot read the expired entries");
-    for (auto const& entry : going) {
-      if (!tokens.PurgeByEntry(entry)) DatabaseFailure(db, "cannot purge the tokens");
-    }
+    // The tokens of purged entries and sessions go with them (the schema's triggers).
     bool const purged_entries =
         all ? entries.PurgeExpiredByOwnerProject(UID_ERR, "") : entries.PurgeExpired(1.0f);
     if (!purged_entries) DatabaseFailure(db, "cannot purge the entries");
