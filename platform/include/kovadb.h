@@ -36,6 +36,10 @@ KOVA_PLATFORM_EXPORT void KOVADBFreeResult(DBResult_tag* result); /* accepts NUL
 KOVA_PLATFORM_EXPORT void KOVADBClose(KOVADB* db);
 /* The SQLite handle the connection wraps. */
 KOVA_PLATFORM_EXPORT struct sqlite3* KOVADBGetHandle(KOVADB* db);
+/* How often this process restarted a write-ahead log that had grown past its bound, and the
+ * microseconds it spent doing so (for the benchmark's report). Either pointer may be NULL. */
+KOVA_PLATFORM_EXPORT void KOVADBCheckpointStats(unsigned long* restarts,
+                                                unsigned long long* microseconds);
 
 #ifdef __cplusplus
 }

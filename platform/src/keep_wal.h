@@ -14,10 +14,15 @@
 // a file costs its writes and syncs more than overwriting it), low enough that a process that
 // stays connected does not keep a burst's log for ever. Neither setting changes what is
 // written or when it is synced.
+//
+// While writers go on, the log is kept below 64 MiB by restarting it (wal_bound.cpp).
+void KovaBoundWal(sqlite3* handle);
+
 inline void KovaKeepWal(sqlite3* handle) {
   int keep = 1;
   sqlite3_file_control(handle, "main", SQLITE_FCNTL_PERSIST_WAL, &keep);
   sqlite3_exec(handle, "PRAGMA journal_size_limit = 67108864;", nullptr, nullptr, nullptr);
+  KovaBoundWal(handle);
 }
 
 #endif
