@@ -1,6 +1,17 @@
 # Installation: libraries, public headers, schema scripts, CMake package and pkg-config file.
 include(CMakePackageConfigHelpers)
 
+# Installed anywhere but the system's own prefix, the sharing library finds the platform
+# library beside it ($ORIGIN), so that a program linked against it runs with nothing else set
+# (a program's own run path does not reach the libraries it loads). The system prefix needs
+# none, and Debian's packages must carry none.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set_target_properties(kovasharing PROPERTIES INSTALL_RPATH "$ORIGIN")
+  set(KOVA_PC_RPATH " -Wl,-rpath,\${libdir}")
+else()
+  set(KOVA_PC_RPATH "")
+endif()
+
 # Components: runtime (what programs need to run), dev (what building against it needs).
 install(TARGETS kovasharing kovaplatform EXPORT kovasharingTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev

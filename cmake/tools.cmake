@@ -17,5 +17,9 @@ add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/tools/kovasharing.1.gz
   DEPENDS ${KOVA_CLI_MANPAGE}
   COMMENT "Compressing the manual page of kovasharing")
 add_custom_target(kovasharing_cli_manpage ALL DEPENDS ${CMAKE_BINARY_DIR}/tools/kovasharing.1.gz)
+# Made again at install time as well, so that an install from a build of only some targets
+# does not stop at a missing page.
+install(CODE "execute_process(COMMAND sh -c \"mkdir -p '${CMAKE_BINARY_DIR}/tools' && gzip -9 -n -c '${KOVA_CLI_MANPAGE}' > '${CMAKE_BINARY_DIR}/tools/kovasharing.1.gz'\")"
+  COMPONENT tools)
 install(FILES ${CMAKE_BINARY_DIR}/tools/kovasharing.1.gz
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the build into a staging prefix, then builds the consumer project twice (CMake
-# package, pkg-config) and runs both programs.
+# Installs the build into a staging prefix, then builds the consumer project with the CMake
+# package and with pkg-config (C++ and C), and runs the programs, as an application developer
+# would: nothing but the prefix is given (no library path at build or run time).
 set -euo pipefail
 build=$1 project=$2 work=$3
 rm -rf "$work" && mkdir -p "$work"
@@ -11,26 +12,23 @@ cmake --install "$build" --prefix "$work/stage" >"$work/install.log"
 test -f "$work/stage/include/kovasharing/kovasharing.h"
 test -e "$work/stage/lib/libkovasharing.so.1"
 test -e "$work/stage/lib/libkovaplatform.so.1"
+test -f "$work/stage/share/man/man1/kovasharing.1.gz"
 
 cmake -S "$project" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/stage" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 
-# A staged prefix is not in the linker's search path for the platform library that
-# libkovasharing needs; an installed one is.
-PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" LD_LIBRARY_PATH="$work/stage/lib" \
-  c++ -std=c++17 -Wall -Wextra -o "$work/pc-consumer" "$project/main.cpp" \
+c++ -std=c++17 -Wall -Wextra -o "$work/pc-consumer" "$project/main.cpp" \
   $(PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" pkg-config --cflags --libs kovasharing)
 
 # The plain visitor API from C: its header must compile as C11.
-LD_LIBRARY_PATH="$work/stage/lib" \
-  cc -std=c11 -Wall -Wextra -pedantic -Werror -o "$work/c-consumer" "$project/main_c.c" \
+cc -std=c11 -Wall -Wextra -pedantic -Werror -o "$work/c-consumer" "$project/main_c.c" \
   $(PKG_CONFIG_PATH="$work/stage/lib/pkgconfig" pkg-config --cflags --libs kovasharing)
 
 data=$(mktemp -d /tmp/kova-consumer.XXXXXX)
 trap 'rm -rf "$data"' EXIT
 [ "$(id -u)" -eq 0 ] && chown 1:1 "$data"
 for prog in "$work/cmake-build/consumer" "$work/pc-consumer" "$work/c-consumer"; do
-  out=$(LD_PRELOAD="$preload" LD_LIBRARY_PATH="$work/stage/lib" "$prog" "$data/$(basename "$prog").db")
+  out=$(LD_PRELOAD="$preload" "$prog" "$data/$(basename "$prog").db")
   echo "$out"
   grep -q "^consumer ok" <<<"$out"
 done
