@@ -2,7 +2,6 @@
 #ifndef KOVASHARING_RESULT_H
 #define KOVASHARING_RESULT_H
 
-#include <sstream>
 #include <string>
 
 #include "export.h"
@@ -56,17 +55,20 @@ class KOVA_EXPORT Row {
   unsigned int row_;
 };
 
-// One column's text with conversions that fall back to the caller's default. Meant to be
-// converted once: the stream's state flags survive Clear(), so a second numeric conversion
-// of a fully read text gives the default.
+// One column's text with conversions that fall back to the caller's default. The numeric
+// conversions read exactly as a standard string stream in the classic locale reads the text
+// (leading white space, decimal, stopping at the first character that cannot continue the
+// number, failing on overflow), and keep that stream's state between conversions: a field
+// whose text was read to its end, or whose conversion failed, gives the default on every
+// later numeric conversion. It is meant to be converted once.
 class KOVA_EXPORT Field {
  public:
   explicit Field(std::string const& value);
-  Field(Field const& other);  // copies the text; the copy gets a fresh stream
+  Field(Field const& other);  // copies the text; the copy starts with a fresh state
   virtual ~Field();
   Field& operator=(Field const&) = delete;
 
-  void Clear();
+  void Clear();  // rereads the text from its start; the state of earlier conversions stays
   int AsInt(int def);
   unsigned int AsUInt(unsigned int def);
   long AsTime(long def);
@@ -76,7 +78,8 @@ class KOVA_EXPORT Field {
 
  private:
   std::string value_;
-  std::stringstream stream_;
+  bool ended_ = false;   // an earlier conversion reached the end of the text
+  bool failed_ = false;  // an earlier conversion failed
 };
 
 }  // namespace db

@@ -1,6 +1,8 @@
 #include "kovasharing/result.h"
 
+#include <climits>
 #include <locale>
+#include <sstream>
 #include <stdexcept>
 
 #include "kovadb.h"
@@ -63,50 +65,115 @@ Field Row::GetField(std::string const& name) const {
 
 // ---------------------------------------------------------------- Field
 
-Field::Field(std::string const& value) : value_(value) { stream_.imbue(std::locale::classic()); }
+namespace {
 
-Field::Field(Field const& other) : value_(other.value_) { stream_.imbue(std::locale::classic()); }
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
+}
+
+// A decimal number as the stream's number reading takes it: white space, a sign, then digits up
+// to the first other character. The magnitude is kept up to `limit` (beyond it: overflow).
+struct Decimal {
+  bool digits = false;
+  bool negative = false;
+  bool overflow = false;
+  bool ended = false;  // reading stopped at the end of the text
+  unsigned long long magnitude = 0;
+};
+
+Decimal ReadDecimal(std::string const& text, unsigned long long limit) {
+  Decimal d;
+  size_t i = 0;
+  size_t const n = text.size();
+  while (i < n && IsBlank(text[i])) ++i;
+  if (i < n && (text[i] == '+' || text[i] == '-')) d.negative = text[i++] == '-';
+  for (; i < n && text[i] >= '0' && text[i] <= '9'; ++i) {
+    d.digits = true;
+    unsigned const digit = static_cast<unsigned>(text[i] - '0');
+    if (d.overflow || d.magnitude > (limit - digit) / 10) {
+      d.overflow = true;  // the remaining digits are still read
+    } else {
+      d.magnitude = d.magnitude * 10 + digit;
+    }
+  }
+  d.ended = i == n;
+  return d;
+}
+
+// A signed reading into [lo, hi] through `long`, as the stream reads `int` and `long`.
+bool ReadSigned(std::string const& text, long lo, long hi, bool& ended, long& out) {
+  unsigned long long const top = static_cast<unsigned long long>(LONG_MAX);
+  Decimal const d = ReadDecimal(text, top + 1);
+  ended = d.ended;
+  if (!d.digits || d.overflow) return false;
+  if (d.negative) {
+    if (d.magnitude > top + 1) return false;
+    out = d.magnitude == top + 1 ? LONG_MIN : -static_cast<long>(d.magnitude);
+  } else {
+    if (d.magnitude > top) return false;
+    out = static_cast<long>(d.magnitude);
+  }
+  return out >= lo && out <= hi;
+}
+
+}  // namespace
+
+Field::Field(std::string const& value) : value_(value) {}
+
+Field::Field(Field const& other) : value_(other.value_) {}
 
 Field::~Field() {}
 
-void Field::Clear() {
-  // Only the text is reloaded: the state flags of an earlier conversion stay, so a field is
-  // converted once.
-  stream_.str(value_);
-}
+void Field::Clear() {}
 
 int Field::AsInt(int def) {
-  Clear();
-  int value = 0;
-  stream_ >> value;
-  return stream_.fail() ? def : value;
+  long value = 0;
+  bool ended = false;
+  bool const ok = !ended_ && !failed_ && ReadSigned(value_, INT_MIN, INT_MAX, ended, value);
+  if (!ended_ && !failed_) ended_ = ended;
+  failed_ = !ok;
+  return ok ? static_cast<int>(value) : def;
 }
 
 unsigned int Field::AsUInt(unsigned int def) {
-  Clear();
-  unsigned int value = 0;
-  stream_ >> value;
-  return stream_.fail() ? def : value;
+  if (ended_ || failed_) {
+    failed_ = true;
+    return def;
+  }
+  // A negative text wraps as the stream's unsigned reading does: "-1" is the largest value.
+  Decimal const d = ReadDecimal(value_, UINT_MAX);
+  ended_ = d.ended;
+  failed_ = !d.digits || d.overflow;
+  if (failed_) return def;
+  unsigned int const magnitude = static_cast<unsigned int>(d.magnitude);
+  return d.negative ? 0u - magnitude : magnitude;
 }
 
 long Field::AsTime(long def) {
-  Clear();
   long value = 0;
-  stream_ >> value;
-  return stream_.fail() ? def : value;
+  bool ended = false;
+  bool const ok = !ended_ && !failed_ && ReadSigned(value_, LONG_MIN, LONG_MAX, ended, value);
+  if (!ended_ && !failed_) ended_ = ended;
+  failed_ = !ok;
+  return ok ? value : def;
 }
 
 float Field::AsFloat(float def) {
-  Clear();
+  // Rare (no column of the library is a float): the stream itself reads it.
+  if (ended_ || failed_) {
+    failed_ = true;
+    return def;
+  }
+  std::istringstream stream(value_);
+  stream.imbue(std::locale::classic());
   float value = 0;
-  stream_ >> value;
-  return stream_.fail() ? def : value;
+  stream >> value;
+  ended_ = stream.eof();
+  failed_ = stream.fail();
+  return failed_ ? def : value;
 }
 
-bool Field::AsBool(bool /*def*/) {
-  Clear();
-  return stream_.str() == "1";
-}
+bool Field::AsBool(bool /*def*/) { return value_ == "1"; }
 
 std::string const& Field::AsString(std::string const& /*def*/) { return value_; }
 

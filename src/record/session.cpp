@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <sstream>
 #include <utility>
 
 #include "internal/session_private.h"
@@ -36,9 +35,7 @@ char const kSource[] = "session";
 
 template <class T>
 std::string Decimal(T value) {
-  std::stringstream text;
-  text << value;
-  return text.str();
+  return std::to_string(value);
 }
 
 }  // namespace

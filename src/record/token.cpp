@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <ctime>
-#include <sstream>
 #include <utility>
 
 #include "internal/token_private.h"
@@ -61,9 +60,8 @@ void TokenPrivate::TakeFrom(TokenPrivate& other) {
 }
 
 std::vector<std::string> TokenPrivate::GetFieldList() const {
-  std::stringstream timeout;
-  timeout << timeout_;
-  return {ToString<int const>(entry_id_), ToString<int const>(session_id_), timeout.str()};
+  return {ToString<int const>(entry_id_), ToString<int const>(session_id_),
+          std::to_string(timeout_)};
 }
 
 std::map<std::string, std::string> TokenPrivate::GetFieldMap() const {

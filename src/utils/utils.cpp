@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sstream>
 
 #include "kova_random.h"
 
@@ -163,25 +162,21 @@ std::string ToString<bool>(bool& value) {
   return value ? "1" : "0";
 }
 
+// Numbers in plain decimal, as a default-formatted stream in the classic locale writes them
+// (and whatever locale the program has set).
 template <>
 std::string ToString<bool const>(bool const& value) {
-  std::ostringstream s;
-  s << value;
-  return s.str();
+  return value ? "1" : "0";
 }
 
 template <>
 std::string ToString<int const>(int const& value) {
-  std::ostringstream s;
-  s << value;
-  return s.str();
+  return std::to_string(value);
 }
 
 template <>
 std::string ToString<long const>(long const& value) {
-  std::ostringstream s;
-  s << value;
-  return s.str();
+  return std::to_string(value);
 }
 
 }  // namespace sharing
