@@ -375,6 +375,8 @@ class RecordWork {
     sqlite3* db = nullptr;
     bool ok =
         sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK;
+    // Eight of these start at once, while the log may still be in recovery: wait, not fail.
+    if (ok) sqlite3_busy_timeout(db, 5000);
     sqlite3_stmt* stmt = nullptr;
     ok = ok && sqlite3_prepare_v2(db, "SELECT * FROM entry WHERE hash = ?1", -1, &stmt, nullptr) ==
                    SQLITE_OK;

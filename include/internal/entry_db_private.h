@@ -28,6 +28,11 @@ class EntryDBPrivate : public ObjectDB {
   bool GetByHash(std::string const& hash, record::Entry& entry) const;
   bool GetByToken(record::Token const& token, record::Entry& entry) const;
   bool PurgeExpired(float probability);
+  // Counts one use of `checked` in one statement, only while every other column still holds
+  // what `checked` holds and its use limit allows one more. kFound: counted (`use_count` is the
+  // new count); kAbsent: not counted (the row changed or the limit is reached); kFailed: the
+  // statement failed (a lock held past the busy limit, a damaged database).
+  Lookup CountUseIfUnchanged(record::Entry const& checked, int& use_count);
   bool DeleteByOwnerUid(unsigned int uid);
   bool PurgeExpiredByOwnerProject(unsigned int uid, std::string const& project);
 };

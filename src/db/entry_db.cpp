@@ -64,6 +64,22 @@ bool EntryDBPrivate::GetByHash(std::string const& hash, record::Entry& entry) co
   return FindByHash(hash, entry) == Lookup::kFound;
 }
 
+Lookup EntryDBPrivate::CountUseIfUnchanged(record::Entry const& checked, int& use_count) {
+  std::string sql = std::string("UPDATE ") + table_ +
+                    " SET use_count = use_count + 1 WHERE id = " + std::to_string(checked.get_id());
+  for (auto const& column : checked.GetFieldMap()) {
+    if (column.first == SZK_USE_COUNT) continue;
+    sql += " AND " + column.first + " = '" + db_.Escape(column.second) + "'";
+  }
+  sql += " AND (expire_times <= 0 OR use_count < expire_times) RETURNING use_count";
+  Result result;
+  if (!db_.Execute(sql, result)) return Lookup::kFailed;
+  Row row;
+  if (!result.IsGood() || !result.NextRow(row)) return Lookup::kAbsent;
+  use_count = row.GetField(SZK_USE_COUNT).AsInt(0);
+  return Lookup::kFound;
+}
+
 bool EntryDBPrivate::GetByToken(record::Token const& token, record::Entry& entry) const {
   return GetById(token.get_entry_id(), entry.GetObject());
 }

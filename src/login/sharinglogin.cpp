@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
-#include "kova_autoblock.h"
-#include "kova_cgi.h"
 #include "internal/entry_db_private.h"
 #include "internal/session_db_private.h"
 #include "internal/token_db_private.h"
+#include "kova_autoblock.h"
+#include "kova_cgi.h"
 #include "kova_user.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/entry.h"
@@ -197,8 +197,17 @@ enum class Counted { kDone, kNotStored, kChanged, kLocked };
 // no longer valid); `entry` and `found` then hold what was read, for the checks to run again.
 // The password digest and the account login stay outside: the transaction only reads and
 // writes one row.
-Counted CountUse(SharingDB& sdb, EntryDBPrivate const& entry_db, std::string const& hash,
-                 Entry& entry, Lookup& found) {
+Counted CountUse(SharingDB& sdb, EntryDBPrivate& entry_db, std::string const& hash, Entry& entry,
+                 Lookup& found) {
+  // Nearly always nothing has changed: one statement counts the use, holding the write lock
+  // no longer than any write. Otherwise the entry is read again under the lock.
+  int use_count = 0;
+  Lookup const counted = entry_db.CountUseIfUnchanged(entry, use_count);
+  if (counted == Lookup::kFound) {
+    entry.set_use_count(use_count);
+    return Counted::kDone;
+  }
+  if (counted == Lookup::kFailed) return Counted::kLocked;  // it has waited its busy limit
   WriteTransaction transaction(sdb);
   if (!transaction.IsOpen()) return Counted::kLocked;
   Entry current;
@@ -209,8 +218,7 @@ Counted CountUse(SharingDB& sdb, EntryDBPrivate const& entry_db, std::string con
     return Counted::kChanged;
   }
   current.inc_use_count();
-  bool const stored = const_cast<EntryDBPrivate&>(entry_db).Update(current.GetCObject()) &&
-                      transaction.Commit();
+  bool const stored = entry_db.Update(current.GetCObject()) && transaction.Commit();
   entry = current;
   return stored ? Counted::kDone : Counted::kNotStored;
 }
