@@ -37,6 +37,7 @@
 
 #include "floor.h"
 #include "kova_paths.h"
+#include "kovadb.h"
 
 extern char** environ;
 
@@ -358,17 +359,16 @@ int InProcess(int argc, char** argv) {
   return 0;
 }
 
-// ---------------------------------------------------------------- the prescribed record work
+// ---------------------------------------------------------------- the library's record work
 
-// The record work that the library's design prescribes around the floor's statements for one
-// login to a password link by a new visitor, done with the library's own classes: every
-// column read becomes a `Field` with its own string stream and one conversion (the link is
-// read twice, eleven columns each time), the link's JSON data is decoded on each read and
-// encoded once for the use count, the new session and token are turned into their column
-// lists and maps, and each of the eleven statements is bracketed by the guard's look at the
-// current identity (which finds the system account already in place). Worker kind
-// "floor-objects" runs the floor's login followed by this work: a lower bound for any library
-// that keeps the record design, measured beside the floor.
+// The record work the library does around the floor's statements for one login to a password
+// link by a new visitor, done with the library's own classes: every column of the link becomes
+// a `Field` with one conversion, the link's JSON data is decoded once and encoded once (for
+// the statement that counts the use only while the link is unchanged), the new session and
+// token are turned into their column lists and maps, and each of the eleven statements is
+// bracketed by the guard's look at the current identity (which finds the system account
+// already in place). Worker kind "floor-objects" runs the floor's login followed by this
+// work: a lower bound for the library's records, measured beside the floor.
 class RecordWork {
  public:
   bool Load(std::string const& hash) {
@@ -400,7 +400,7 @@ class RecordWork {
   // Returns a value drawn from every result, so that none of the work can be left out.
   size_t Run(std::string const& session_id, long timeout) {
     size_t sum = 0;
-    for (int read = 0; read < 2; ++read) {
+    for (int read = 0; read < 1; ++read) {
       using KOVA::sharing::db::Field;
       sum += Field(columns_[0]).AsInt(0) + Field(columns_[3]).AsBool(true) +
              Field(columns_[4]).AsUInt(0) + Field(columns_[5]).AsTime(0) +
@@ -477,7 +477,11 @@ int Worker(int argc, char** argv) {
     if (objects && code == 1 && work.Run(id, time(nullptr) + 86400) == 0) code = 0;
     ++(code == 1 ? ok : failed);
   }
-  fprintf(f, "%ld %ld %ld\n", ok, failed, library ? failed : floor.busy_failures());
+  unsigned long restarts = 0;
+  unsigned long long restart_us = 0;
+  KOVADBCheckpointStats(&restarts, &restart_us);
+  fprintf(f, "%ld %ld %ld %lu %llu\n", ok, failed, library ? failed : floor.busy_failures(),
+          restarts, restart_us);
   fclose(f);
   return 0;
 }
@@ -508,7 +512,9 @@ struct Concurrency {
   long floor_wal_max = 0, floor_wal_end = 0;     // floor slices
   double system_rate = 0;  // the library in processes that already are the system account
   long system_failed = 0;
-  double objects_rate = 0;  // the floor followed by the record work the design prescribes
+  double objects_rate = 0;     // the floor followed by the library's record work
+  unsigned long restarts = 0;  // library run: the log restarted past its bound, and the time
+  double restart_ms = 0;       // the processes spent doing so
 };
 
 struct Options {
@@ -571,7 +577,7 @@ bool Cold(int runs, std::string const& visitor, Figure& figure) {
 // 5 s after the last worker ended.
 bool Load(Options const& o, std::string const& kind, int processes, double seconds, double settle,
           std::string const& visitor, double& rate, long& failed, long& busy, long& wal_max,
-          long& wal_end, long& wal_after) {
+          long& wal_end, long& wal_after, unsigned long& restarts, double& restart_ms) {
   std::string const wal = std::string(KOVA_SHARING_DB_FILE) + "-wal";
   double const start = WallNow() + 0.3;  // every worker connected before the clock starts
   std::vector<pid_t> pids;
@@ -599,16 +605,22 @@ bool Load(Options const& o, std::string const& kind, int processes, double secon
   wal_end = FileSize(wal);
   long ok = 0;
   failed = busy = 0;
+  restarts = 0;
+  restart_ms = 0;
   for (auto const& out : outs) {
     std::istringstream in(ReadAll(out));
     long a = 0, b = 0, c = 0;
-    if (!(in >> a >> b >> c)) {
+    unsigned long r = 0;
+    unsigned long long us = 0;
+    if (!(in >> a >> b >> c >> r >> us)) {
       fprintf(stderr, "load: a %s worker reported nothing\n", kind.c_str());
       return false;
     }
     ok += a;
     failed += b;
     busy += c;
+    restarts += r;
+    restart_ms += us / 1000.0;
   }
   rate = ok / seconds;
   if (settle > 0) {
@@ -696,8 +708,10 @@ int Main(Options const& o) {
       bool const last = i + 1 == slices;
       double rate = 0;
       long failed = 0, busy = 0, wal_max = 0, wal_end = 0, wal_after = 0;
-      if (!Load(o, "floor", n, slice, 0, visitor, rate, failed, busy, wal_max, wal_end,
-                wal_after)) {
+      unsigned long restarts = 0;
+      double restart_ms = 0;
+      if (!Load(o, "floor", n, slice, 0, visitor, rate, failed, busy, wal_max, wal_end, wal_after,
+                restarts, restart_ms)) {
         return 1;
       }
       floor_logins += rate * slice;
@@ -707,13 +721,13 @@ int Main(Options const& o) {
       c.floor_wal_end = wal_end;
       if (n == 8) {
         if (!Load(o, "library-system", n, slice, 0, visitor, rate, failed, busy, wal_max, wal_end,
-                  wal_after)) {
+                  wal_after, restarts, restart_ms)) {
           return 1;
         }
         system_logins += rate * slice;
         c.system_failed += failed;
         if (!Load(o, "floor-objects", n, slice, 0, visitor, rate, failed, busy, wal_max, wal_end,
-                  wal_after)) {
+                  wal_after, restarts, restart_ms)) {
           return 1;
         }
         objects_logins += rate * slice;
@@ -721,9 +735,11 @@ int Main(Options const& o) {
       }
       wal_after = 0;
       if (!Load(o, "library", n, slice, last && n == 8 ? settle : 0, visitor, rate, failed, busy,
-                wal_max, wal_end, wal_after)) {
+                wal_max, wal_end, wal_after, restarts, restart_ms)) {
         return 1;
       }
+      c.restarts += restarts;
+      c.restart_ms += restart_ms;
       library_logins += rate * slice;
       c.library_failed += failed;
       c.wal_max = std::max(c.wal_max, wal_max);
@@ -788,13 +804,14 @@ int Main(Options const& o) {
   }
   printf("\nidentity switch of the privilege guard (4 calls, once per statement): %.2f us\n",
          guard);
-  printf("\n%-10s %12s %12s %8s %14s %14s %12s %12s %12s\n", "processes", "library/s", "floor/s",
-         "ratio", "lib failures", "floor busy", "wal max", "wal at end", "wal +5 s");
+  printf("\n%-10s %12s %12s %8s %14s %14s %12s %12s %12s %10s %12s\n", "processes", "library/s",
+         "floor/s", "ratio", "lib failures", "floor busy", "wal max", "wal at end", "wal +5 s",
+         "restarts", "in restarts");
   for (Concurrency const& c : loads) {
-    printf("%-10d %12.1f %12.1f %8.2f %14ld %14ld %12s %12s %12s\n", c.processes, c.library_rate,
-           c.floor_rate, c.floor_rate > 0 ? c.library_rate / c.floor_rate : 0, c.library_failed,
-           c.floor_busy, Bytes(c.wal_max).c_str(), Bytes(c.wal_end).c_str(),
-           c.processes == 8 ? Bytes(c.wal_after).c_str() : "-");
+    printf("%-10d %12.1f %12.1f %8.2f %14ld %14ld %12s %12s %12s %10lu %9.1f ms\n", c.processes,
+           c.library_rate, c.floor_rate, c.floor_rate > 0 ? c.library_rate / c.floor_rate : 0,
+           c.library_failed, c.floor_busy, Bytes(c.wal_max).c_str(), Bytes(c.wal_end).c_str(),
+           c.processes == 8 ? Bytes(c.wal_after).c_str() : "-", c.restarts, c.restart_ms);
   }
   printf("floor at 8: wal max %s, at the end of its last slice %s\n",
          Bytes(eight.floor_wal_max).c_str(), Bytes(eight.floor_wal_end).c_str());
@@ -803,8 +820,8 @@ int Main(Options const& o) {
       "switches): %.1f logins/s, %ld failures\n",
       eight.system_rate, eight.system_failed);
   printf(
-      "floor followed by the record work the design prescribes (a lower bound for the "
-      "library): %.1f logins/s, %.2f x floor\n",
+      "floor followed by the library's record work (a lower bound for the library): %.1f "
+      "logins/s, %.2f x floor\n",
       eight.objects_rate, eight.floor_rate > 0 ? eight.objects_rate / eight.floor_rate : 0);
   double const elapsed = Now() - t_start;
   printf("\n%s run, %.0f s\n", o.short_run ? "short (no timing may be judged)" : "full", elapsed);
@@ -839,10 +856,11 @@ int Main(Options const& o) {
             "    {\"processes\": %d, \"library_logins_per_s\": %.1f, \"floor_logins_per_s\": "
             "%.1f, \"library_failures\": %ld, \"floor_failures\": %ld, \"floor_busy\": %ld, "
             "\"wal_max_bytes\": %ld, \"wal_end_bytes\": %ld, \"wal_after_5s_bytes\": %ld, "
-            "\"floor_wal_max_bytes\": %ld, \"floor_wal_end_bytes\": %ld}%s\n",
+            "\"floor_wal_max_bytes\": %ld, \"floor_wal_end_bytes\": %ld, \"wal_restarts\": %lu, "
+            "\"wal_restart_ms\": %.1f}%s\n",
             c.processes, c.library_rate, c.floor_rate, c.library_failed, c.floor_failed,
             c.floor_busy, c.wal_max, c.wal_end, c.wal_after, c.floor_wal_max, c.floor_wal_end,
-            i + 1 < loads.size() ? "," : "");
+            c.restarts, c.restart_ms, i + 1 < loads.size() ? "," : "");
   }
   fprintf(f, "  ]\n}\n");
   fclose(f);
