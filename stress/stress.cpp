@@ -754,6 +754,18 @@ int main(int argc, char** argv) {
   for (Created const& c : links) hash_of_id[c.f[1]] = c.f[0];
   for (Created const& c : sessions) sid_of_row[c.f[1]] = c.f[0];
 
+  // A token goes with its link or its session (the schema's triggers): it is explained by the
+  // absence of either, itself checked below, when this run made them.
+  std::set<std::string> entry_ids, session_rows;
+  for (auto const& e : entry_by_hash) entry_ids.insert(e.second[0]);
+  for (auto const& e : session_by_sid) session_rows.insert(e.second[0]);
+  auto link_gone = [&](std::string const& id) {
+    return hash_of_id.count(id) != 0 && entry_ids.count(id) == 0;
+  };
+  auto session_gone = [&](std::string const& row) {
+    return sid_of_row.count(row) != 0 && session_rows.count(row) == 0;
+  };
+
   std::vector<std::string> missing;
   long confirmed = 0;
   // Links: E t0 t1 hash id owner expire_at expire_times
@@ -796,6 +808,7 @@ int main(int argc, char** argv) {
     std::string const hash = hash_of_id.count(c.f[1]) ? hash_of_id[c.f[1]] : "";
     std::string const sid = sid_of_row.count(c.f[2]) ? sid_of_row[c.f[2]] : "";
     bool const legit =
+        link_gone(c.f[1]) || session_gone(c.f[2]) ||
         any("purge-token", c.t0, [&](Deleter const& d) { return timeout < d.bound; }) ||
         any("purge-by-entry", c.t0, [&](Deleter const& d) { return d.args[0] == c.f[1]; }) ||
         any("logout", c.t0,
@@ -825,6 +838,7 @@ int main(int argc, char** argv) {
     }
     if (token_pairs.count({entry_id, s->second[0]})) continue;
     bool const legit =
+        link_gone(entry_id) ||
         any("logout", c.t0,
             [&](Deleter const& d) { return d.args[0] == hash && d.args[1] == sid; }) ||
         any("purge-by-entry", c.t0, [&](Deleter const& d) { return d.args[0] == entry_id; }) ||
