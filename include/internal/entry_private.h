@@ -82,6 +82,9 @@ class EntryPrivate : public Object {
   std::string redirect_uri_;
   Json::Value app_;
   Json::Value private_data_;
+  // The "data" column exactly as FromRow last read it ("" when the entry was not read): what a
+  // statement compares to tell whether the stored row still is the one that was read.
+  std::string row_data_;
 
  private:
   void TakeFrom(EntryPrivate& other);

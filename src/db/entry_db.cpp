@@ -5,6 +5,7 @@
 #include <string>
 
 #include "internal/entry_db_private.h"
+#include "internal/entry_private.h"
 #include "kova_random.h"
 #include "kovasharing/base_db.h"
 #include "kovasharing/constants.h"
@@ -65,12 +66,18 @@ bool EntryDBPrivate::GetByHash(std::string const& hash, record::Entry& entry) co
 }
 
 Lookup EntryDBPrivate::CountUseIfUnchanged(record::Entry const& checked, int& use_count) {
-  std::string sql = std::string("UPDATE ") + table_ +
-                    " SET use_count = use_count + 1 WHERE id = " + std::to_string(checked.get_id());
-  for (auto const& column : checked.GetFieldMap()) {
-    if (column.first == SZK_USE_COUNT) continue;
-    sql += " AND " + column.first + " = '" + db_.Escape(column.second) + "'";
-  }
+  // The columns a login's checks look at, compared with what was read: the data column as its
+  // stored text, the others as numbers.
+  auto const& read = static_cast<record::EntryPrivate const&>(checked.GetCObject());
+  std::string const data =
+      read.row_data_.empty() ? checked.GetFieldMap()[SZK_DATA] : read.row_data_;
+  std::string sql = std::string("UPDATE ") + table_ + " SET use_count = use_count + 1 WHERE id = " +
+                    std::to_string(checked.get_id()) +
+                    " AND enabled = " + (read.enabled_ ? "1" : "0") +
+                    " AND start_at = " + std::to_string(read.start_at_) +
+                    " AND expire_at = " + std::to_string(read.expire_at_) +
+                    " AND expire_times = " + std::to_string(read.expire_times_) + " AND data = '" +
+                    db_.Escape(data) + "'";
   sql += " AND (expire_times <= 0 OR use_count < expire_times) RETURNING use_count";
   Result result;
   if (!db_.Execute(sql, result)) return Lookup::kFailed;

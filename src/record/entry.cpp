@@ -156,6 +156,7 @@ void EntryPrivate::TakeFrom(EntryPrivate& other) {
   MoveOut(redirect_uri_, other.redirect_uri_);
   MoveOut(app_, other.app_);
   MoveOut(private_data_, other.private_data_);
+  MoveOut(row_data_, other.row_data_);
 }
 
 Json::Value EntryPrivate::DataJSON() const {
@@ -347,6 +348,7 @@ bool EntryPrivate::FromRow(db::Row const& row) {
   redirect_uri_ = std::move(read.redirect_uri_);
   app_ = read.app_;
   private_data_ = read.private_data_;
+  row_data_ = text;
   return IsLegal();
 }
 
