@@ -1,5 +1,8 @@
 // The privilege guard: switches the process's effective user and group ids for the length of
-// a scope and restores them when the scope is left, whatever happened inside.
+// a scope and restores them when the scope is left, whatever happened inside. The target
+// group is the only group while switched. The guard holds the process's identity lock for
+// its whole life (kova_identity.h), so threads take turns instead of undoing each other's
+// switch.
 #ifndef KOVASHARING_INTERNAL_RUN_AS_H
 #define KOVASHARING_INTERNAL_RUN_AS_H
 
@@ -26,6 +29,10 @@ class RunAsScope {
   int line_;
   char const* name_;
   bool switched_;
+  bool groups_saved_ = false;  // the supplementary groups to put back on leaving
+
+  // Puts the saved identity and groups back; false when a step failed.
+  bool Restore();
 };
 
 }  // namespace sharing

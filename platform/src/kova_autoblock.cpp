@@ -19,44 +19,14 @@
 #include "busy_wait.h"
 #include "keep_wal.h"
 #include "kova_paths.h"
+#include "system_identity.h"
 
 namespace {
 
 char const kSource[] = "kova_autoblock";
 uid_t const kSystemUid = 1;
 gid_t const kSystemGid = 1;
-
-// Runs the enclosed work as the system account when the caller may switch to it, and gives
-// the caller its identity back on leaving. A caller that cannot switch works as itself.
-class SystemIdentity {
- public:
-  SystemIdentity() : euid_(geteuid()), egid_(getegid()) {
-    if (euid_ == kSystemUid && egid_ == kSystemGid) return;
-    if (setresgid(-1, kSystemGid, -1) != 0) return;
-    if (setresuid(-1, kSystemUid, -1) != 0) {
-      if (setresgid(-1, egid_, -1) != 0) {
-        syslog(LOG_ERR, "%s:%d (%u) cannot restore gid %u, err=%m", kSource, __LINE__,
-               (unsigned)getpid(), (unsigned)egid_);
-      }
-      return;
-    }
-    switched_ = true;
-  }
-  ~SystemIdentity() {
-    if (!switched_) return;
-    if (setresuid(-1, euid_, -1) != 0 || setresgid(-1, egid_, -1) != 0) {
-      syslog(LOG_ERR, "%s:%d (%u) cannot restore identity %u:%u, err=%m", kSource, __LINE__,
-             (unsigned)getpid(), (unsigned)euid_, (unsigned)egid_);
-    }
-  }
-  SystemIdentity(SystemIdentity const&) = delete;
-  SystemIdentity& operator=(SystemIdentity const&) = delete;
-
- private:
-  uid_t euid_;
-  gid_t egid_;
-  bool switched_ = false;
-};
+using kova::SystemIdentity;
 
 // The address as counted: IPv4 as itself (also when written IPv4-mapped), IPv6 as its /64
 // prefix, since one host usually holds a whole /64 and could rotate through it. Empty when
