@@ -57,17 +57,32 @@ if(NOT EXISTS "${KOVA_SQLITE_DIR}/sqlite3.c" OR NOT EXISTS "${KOVA_SQLITE_DIR}/s
   else()
     find_program(KOVA_NPM npm)
     if(NOT KOVA_NPM)
-      message(FATAL_ERROR "SQLite: npm is needed to fetch ${KOVA_SQLITE_PACKAGE} "
-        "(or set KOVA_SQLITE_TARBALL, or KOVA_SYSTEM_SQLITE=ON)")
+      message(FATAL_ERROR "SQLite: npm is needed to fetch ${KOVA_SQLITE_PACKAGE}: install it "
+        "(apt-get install npm; scripts/test and scripts/demo install it themselves), or set "
+        "KOVA_SQLITE_TARBALL to a copy of the package, or KOVA_SYSTEM_SQLITE=ON")
     endif()
     message(STATUS "SQLite: fetching ${KOVA_SQLITE_PACKAGE}")
-    execute_process(COMMAND "${KOVA_NPM}" pack "${KOVA_SQLITE_PACKAGE}" --silent
-        --pack-destination "${kova_work}"
+    # One quick retry instead of npm's default backoff (about 70 s before a failure shows);
+    # errors are logged, the notices (the tarball's file list) are not.
+    execute_process(COMMAND "${KOVA_NPM}" pack "${KOVA_SQLITE_PACKAGE}" --loglevel=error
+        --fetch-retries=1 --fetch-retry-mintimeout=1000 --fetch-retry-maxtimeout=3000
+        --fetch-timeout=60000 --pack-destination "${kova_work}"
       WORKING_DIRECTORY "${kova_work}" RESULT_VARIABLE kova_rc OUTPUT_QUIET ERROR_VARIABLE kova_err)
     file(GLOB kova_tarball "${kova_work}/*.tgz")
     if(NOT kova_rc EQUAL 0 OR NOT kova_tarball)
       file(REMOVE_RECURSE "${kova_work}")
-      message(FATAL_ERROR "SQLite: npm pack ${KOVA_SQLITE_PACKAGE} failed (${kova_rc}): ${kova_err}")
+      string(STRIP "${kova_err}" kova_err)
+      if(kova_err STREQUAL "")
+        set(kova_err "(npm printed no reason)")
+      endif()
+      message(FATAL_ERROR "SQLite: npm pack ${KOVA_SQLITE_PACKAGE} failed (${kova_rc}):\n"
+        "${kova_err}\n"
+        "This machine must reach the npm registry (npm config get registry; behind a proxy "
+        "set npm's proxy settings, and where the network re-signs TLS give npm the signing "
+        "certificate: npm config set cafile FILE, or install it into the system's "
+        "certificates). Otherwise fetch the package elsewhere (npm pack ${KOVA_SQLITE_PACKAGE}) "
+        "and configure with -DKOVA_SQLITE_TARBALL=<that .tgz>, or use the distribution's "
+        "SQLite with -DKOVA_SYSTEM_SQLITE=ON.")
     endif()
   endif()
   file(SHA512 "${kova_tarball}" kova_actual)
