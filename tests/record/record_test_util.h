@@ -1,16 +1,13 @@
 // Helpers of the record tests: a migrated sharing database of its own, the captured
-// "Failed [...]" lines, compact JSON texts, a clock boundary helper, the time zone and
-// the value semantics shared by the three record handles.
+// "Failed [...]" lines, and the value semantics shared by the three record handles.
 #ifndef KOVA_TESTS_RECORD_TEST_UTIL_H
 #define KOVA_TESTS_RECORD_TEST_UTIL_H
 
 #include <gtest/gtest.h>
 #include <json/reader.h>
-#include <json/writer.h>
 #include <unistd.h>
 
 #include <cstdlib>
-#include <ctime>
 #include <functional>
 #include <regex>
 #include <string>
@@ -19,76 +16,60 @@
 
 #include "kovasharing/object_db.h"
 #include "kovasharing/sharing_db.h"
-#include "kovatest.h"
+#include "kovatest_db.h"
 
 namespace recordtest {
+
+using kovatest::AtOneSecond;
 
 struct Database {
   kovatest::TempDir dir;
   KOVA::sharing::db::SharingDB db{dir.File("s.db")};
-
-  void Exec(std::string const& sql) {
-    EXPECT_TRUE(db.Execute(sql)) << sql << ": " << db.GetLastError();
-  }
+  void Exec(std::string const& sql) { EXPECT_TRUE(db.Execute(sql)) << sql; }
 };
 
-// The conditions of the lines logged since the last call (or ClearLogs), each of the exact
-// shape "<source>:<line> (<pid>) Failed [<condition>], err=<text>\n\n"; `lines` puts the
-// line number in front of the condition.
-inline std::vector<std::string> Failed(std::string const& source, bool lines = false) {
-  static std::regex const shape(R"(^([a-z_]+):(\d+) \((\d+)\) Failed \[(.*)\], err=[^\n]*\n\n$)");
-  std::vector<std::string> out;
+// The line numbers of the lines logged since the last call, each of the exact shape
+// "<source>:<line> (<pid>) Failed [<condition>], err=<text>\n\n".
+inline std::vector<int> Failed(std::string const& source) {
+  static std::regex const shape(R"(^([a-z_]+):(\d+) \((\d+)\) Failed \[.*\], err=[^\n]*\n\n$)");
+  std::vector<int> out;
   for (std::string const& text : kovatest::LogTexts()) {
     std::smatch m;
-    if (std::regex_match(text, m, shape) && m[1] == source &&
-        m[3] == std::to_string(static_cast<unsigned>(getpid()))) {
-      out.push_back(lines ? m[2].str() + " " + m[4].str() : m[4].str());
-    } else {
-      ADD_FAILURE() << "unexpected log line: " << text;
-    }
+    bool const ok = std::regex_match(text, m, shape) && m[1] == source &&
+                    m[3] == std::to_string(static_cast<unsigned>(getpid()));
+    EXPECT_TRUE(ok) << "unexpected log line: " << text;
+    if (ok) out.push_back(std::stoi(m[2]));
   }
   kovatest::ClearLogs();
   return out;
 }
 
-// Runs `legal()` once a step: it must fail with exactly the step's condition logged; the
-// step's repair then meets that rule and the next call reaches the next one.
-using Steps = std::vector<std::pair<std::string, std::function<void()>>>;
-inline void ExpectRulesInOrder(std::function<bool()> const& legal, std::string const& source,
-                               bool lines, Steps const& steps) {
+// Calls `legal()` once a step: it must fail with one line logged, each step's line further
+// down than the last (the rules are checked in their order); the step's repair then meets
+// that rule. Returns the line numbers.
+inline std::vector<int> RulesInOrder(std::function<bool()> const& legal, std::string const& source,
+                                     std::vector<std::function<void()>> const& repairs) {
   kovatest::ClearLogs();
-  for (auto const& step : steps) {
-    EXPECT_FALSE(legal()) << step.first;
-    EXPECT_EQ(std::vector<std::string>{step.first}, Failed(source, lines));
-    step.second();
+  std::vector<int> lines;
+  for (auto const& repair : repairs) {
+    EXPECT_FALSE(legal()) << "step " << lines.size();
+    std::vector<int> const logged = Failed(source);
+    EXPECT_EQ(1u, logged.size());
+    if (logged.size() == 1) lines.push_back(logged[0]);
+    if (lines.size() > 1) {
+      EXPECT_GT(lines.back(), lines[lines.size() - 2]);
+    }
+    repair();
   }
   EXPECT_TRUE(legal());
   EXPECT_TRUE(Failed(source).empty());
+  return lines;
 }
 
 inline Json::Value Parse(std::string const& text) {
   Json::Value value;
   EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
   return value;
-}
-
-inline std::string Compact(Json::Value const& value) {
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  writer["emitUTF8"] = true;
-  return Json::writeString(writer, value);
-}
-
-// Runs `check(now)` until one run starts and ends within the same second, so that a
-// boundary on the current time is tested at exactly that second.
-inline bool AtOneSecond(std::function<bool(time_t)> const& check) {
-  for (int attempt = 0; attempt < 10; ++attempt) {
-    time_t const now = time(nullptr);
-    bool const result = check(now);
-    if (time(nullptr) == now) return result;
-  }
-  ADD_FAILURE() << "the clock kept moving";
-  return false;
 }
 
 inline void SetZone(char const* zone) {
@@ -104,37 +85,27 @@ std::vector<std::string> Fields(R const& r) {
   return fields;
 }
 
-// Copies and moves carry the fields, never the private record: a copy changes apart from
-// its source, a moved-from handle keeps its own record (checked by `moved_from`) and stays
-// usable. `change` must alter some field.
+// Copies and moves carry the fields: a copy changes apart from its source, a moved-from
+// handle keeps its own record and stays usable. `change` must alter some field.
 template <class R>
-void ExpectValueSemantics(R original, std::function<void(R&)> const& change,
-                          std::function<void(R const&)> const& moved_from) {
+void ExpectValueSemantics(R original, std::function<void(R&)> const& change) {
   std::vector<std::string> const snapshot = Fields(original);
-  R copy(original);
-  R assigned;
+  R copy(original), assigned;
   assigned = original;
   for (R* other : {&copy, &assigned}) {
-    EXPECT_EQ(snapshot, Fields(*other));
     change(*other);
     EXPECT_NE(snapshot, Fields(*other));
   }
   EXPECT_EQ(snapshot, Fields(original));
-
   auto const* source_record = &original.GetCObject();
   R moved(std::move(original));
   EXPECT_EQ(snapshot, Fields(moved));
   EXPECT_EQ(source_record, &original.GetCObject());
-  moved_from(original);
   change(original);
-  EXPECT_EQ(snapshot, Fields(moved));
-
   R target;
-  auto const* target_record = &target.GetCObject();
   target = std::move(moved);
   EXPECT_EQ(snapshot, Fields(target));
-  EXPECT_EQ(target_record, &target.GetCObject());
-  moved_from(moved);
+  change(moved);
   R& self = target;
   target = std::move(self);
   EXPECT_EQ(snapshot, Fields(target));
