@@ -169,6 +169,94 @@ class Store {
 
 Store g_store;
 
+// One attempt per address at a time, across processes: an exclusive lock on one byte of a
+// lock file beside the store, at an offset drawn from the address (two addresses that share
+// a byte only wait for each other). The lock belongs to the open file description (OFD), so
+// it is this process's alone; a forked child opens its own. Held from the address check until
+// the attempt is done, so that a failure is counted before the next attempt from that
+// address is judged.
+class AttemptLock {
+ public:
+  // Waits for the address's lock; false (and logged) when it is not free within the wait.
+  bool Hold(std::string const& key) {
+    if (fd_ >= 0 && pid_ != getpid()) fd_ = -1;  // the parent's: never touched
+    if (fd_ >= 0 && depth_ > 0 && key == key_) {
+      ++depth_;
+      return true;
+    }
+    Release();
+    if (fd_ < 0 && !OpenFile()) return false;
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = static_cast<off_t>(Slot(key));
+    lock.l_len = 1;
+    useconds_t pause = 1000;
+    for (long waited = 0;; waited += pause, pause = pause < 64000 ? pause * 2 : pause) {
+      if (fcntl(fd_, F_OFD_SETLK, &lock) == 0) break;
+      if ((errno != EAGAIN && errno != EACCES) ||
+          waited >= KOVA_AUTOBLOCK_WAIT_SECONDS * 1000000L) {
+        syslog(LOG_ERR, "%s:%d (%u) attempt lock of %s not taken, err=%m", kSource, __LINE__,
+               (unsigned)getpid(), key.c_str());
+        return false;
+      }
+      usleep(pause);
+    }
+    key_ = key;
+    start_ = lock.l_start;
+    depth_ = 1;
+    return true;
+  }
+  void Done() {
+    if (depth_ > 1) {
+      --depth_;
+    } else {
+      Release();
+    }
+  }
+
+ private:
+  static size_t Slot(std::string const& key) {
+    size_t hash = 14695981039346656037ull;  // FNV-1a
+    for (unsigned char const c : key) hash = (hash ^ c) * 1099511628211ull;
+    return hash % 1000003;
+  }
+  bool OpenFile() {
+    if (!DirectoryReady()) return false;
+    SystemIdentity as_system;
+    std::string const path = std::string(KOVA_AUTOBLOCK_DB_FILE) + ".lock";
+    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
+    if (fd_ < 0) {
+      syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
+             path.c_str());
+      return false;
+    }
+    pid_ = getpid();
+    return true;
+  }
+  void Release() {
+    if (depth_ == 0 || fd_ < 0 || pid_ != getpid()) {
+      depth_ = 0;
+      return;
+    }
+    struct flock lock = {};
+    lock.l_type = F_UNLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start_;
+    lock.l_len = 1;
+    fcntl(fd_, F_OFD_SETLK, &lock);
+    depth_ = 0;
+  }
+
+  int fd_ = -1;
+  pid_t pid_ = 0;
+  std::string key_;
+  off_t start_ = 0;
+  int depth_ = 0;
+};
+
+AttemptLock g_attempt;
+
 // Runs one statement with text and number parameters bound in order; for a query, the first
 // column of the first row goes to *count.
 bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
@@ -203,6 +291,9 @@ extern "C" {
 int KovaCgiIsDeniedIP(const char* ip) {
   std::string const key = AddressKey(ip);
   if (key.empty()) return 0;
+  // An address whose earlier attempt does not finish in time is denied: under a flood of
+  // parallel guesses the queue itself is the sign.
+  if (!g_attempt.Hold(key)) return 1;
   bool const have_dir = MakeDirectory();
   SystemIdentity as_system;
   sqlite3* db = have_dir ? g_store.Acquire() : nullptr;
@@ -251,9 +342,75 @@ int KOVAAutoBlockFailLoginReset(const char* ip) {
   SystemIdentity as_system;
   sqlite3* db = g_store.Acquire();
   if (db == nullptr) return -1;
-  bool const ok = Run(db, "DELETE FROM fail_login WHERE addr = ?1", &key, 1, 0, nullptr);
+  std::string const texts[2] = {key, "SHARING"};
+  bool const ok =
+      Run(db, "DELETE FROM fail_login WHERE addr = ?1 AND service = ?2", texts, 2, 0, nullptr);
   if (!ok) g_store.Drop();
   return ok ? 0 : -1;
+}
+
+void KovaCgiAttemptDone(void) { g_attempt.Done(); }
+
+int AutoBlockList(KovaAutoBlockVisit visit, void* data) {
+  if (visit == nullptr) return -1;
+  if (!DirectoryReady()) return -1;
+  SystemIdentity as_system;
+  sqlite3* db = g_store.Acquire();
+  if (db == nullptr) return -1;
+  // Per address: its failures in the window, and when the oldest failure that still keeps it
+  // at the limit leaves the window (0 below the limit).
+  char const sql[] =
+      "SELECT addr, COUNT(*),"
+      " (SELECT f.time FROM fail_login f WHERE f.addr = fail_login.addr AND f.time > ?1"
+      "  ORDER BY f.time DESC LIMIT 1 OFFSET ?2)"
+      " FROM fail_login WHERE time > ?1 GROUP BY addr ORDER BY addr";
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
+    syslog(LOG_ERR, "%s:%d (%u) prepare failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           sqlite3_errmsg(db));
+    g_store.Drop();
+    return -1;
+  }
+  sqlite3_bind_int64(stmt, 1,
+                     static_cast<sqlite3_int64>(time(nullptr)) - KOVA_AUTOBLOCK_WINDOW_SECONDS);
+  sqlite3_bind_int(stmt, 2, KOVA_AUTOBLOCK_MAX_FAILURES - 1);
+  int rc;
+  int count = 0;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    auto const* addr = reinterpret_cast<char const*>(sqlite3_column_text(stmt, 0));
+    long long const until = sqlite3_column_type(stmt, 2) == SQLITE_NULL
+                                ? 0
+                                : sqlite3_column_int64(stmt, 2) + KOVA_AUTOBLOCK_WINDOW_SECONDS;
+    visit(addr != nullptr ? addr : "", sqlite3_column_int(stmt, 1), until, data);
+    ++count;
+  }
+  bool const ok = rc == SQLITE_DONE;
+  if (!ok) {
+    syslog(LOG_ERR, "%s:%d (%u) statement failed: %s", kSource, __LINE__, (unsigned)getpid(),
+           sqlite3_errmsg(db));
+  }
+  sqlite3_finalize(stmt);
+  if (!ok) g_store.Drop();
+  return ok ? count : -1;
+}
+
+int AutoBlockUnblock(const char* ip) {
+  // The listing shows an IPv6 prefix as "<address>/64"; it is accepted as well.
+  std::string text = ip != nullptr ? ip : "";
+  if (text.size() > 3 && text.compare(text.size() - 3, 3, "/64") == 0 &&
+      text.find(':') != std::string::npos) {
+    text.resize(text.size() - 3);
+  }
+  std::string const key = AddressKey(text.c_str());
+  if (key.empty()) return -1;
+  if (!DirectoryReady()) return -1;
+  SystemIdentity as_system;
+  sqlite3* db = g_store.Acquire();
+  if (db == nullptr) return -1;
+  bool const ok = Run(db, "DELETE FROM fail_login WHERE addr = ?1", &key, 1, 0, nullptr);
+  int const removed = ok ? sqlite3_changes(db) : -1;
+  if (!ok) g_store.Drop();
+  return removed;
 }
 
 }  // extern "C"

@@ -16,6 +16,30 @@ void Fail(char const* ip, int times) {
   for (int i = 0; i < times; ++i) ASSERT_EQ(0, AutoBlockFailLoginSet(ip, "SHARING")) << ip;
 }
 
+// What the administrator's listing says of `ip`: its failures and for how many more seconds
+// it is blocked (0 when it is not); {-1, 0} when it is not listed.
+std::pair<int, long long> Listed(std::string const& ip) {
+  struct Seen {
+    std::string ip;
+    std::pair<int, long long> found{-1, 0};
+  } seen{ip};
+  EXPECT_LE(0, AutoBlockList(
+                   [](char const* address, int failures, long long until, void* data) {
+                     auto* s = static_cast<Seen*>(data);
+                     if (s->ip != address) return;
+                     s->found = {failures, until == 0 ? 0 : until - time(nullptr)};
+                   },
+                   &seen));
+  return seen.found;
+}
+
+// A block that lasts `seconds` more, give or take the second that may pass while testing.
+void ExpectBlocked(std::string const& ip, long long seconds) {
+  std::pair<int, long long> const listed = Listed(ip);
+  EXPECT_EQ(10, listed.first) << ip;
+  EXPECT_NEAR(seconds, listed.second, 1) << ip;
+}
+
 }  // namespace
 
 TEST(AutoBlockTest, TenFailuresInTheWindowDenyThatAddressOnly) {
@@ -33,6 +57,15 @@ TEST(AutoBlockTest, TenFailuresInTheWindowDenyThatAddressOnly) {
   EXPECT_EQ(0, KovaCgiIsDeniedIP(ip));
   EXPECT_EQ(1, KovaCgiIsDeniedIP(other));
   ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(other));
+  // The reset clears the sharing logins' count only; lifting a block clears every service's.
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(0, AutoBlockFailLoginSet(ip, "WEBUI"));
+  ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(ip));
+  EXPECT_EQ(1, KovaCgiIsDeniedIP(ip));
+  ExpectBlocked(ip, 600);
+  EXPECT_EQ(-1, AutoBlockUnblock("198.51.100"));
+  EXPECT_EQ(10, AutoBlockUnblock(ip));
+  EXPECT_EQ(0, KovaCgiIsDeniedIP(ip));
+  EXPECT_EQ(-1, Listed(ip).first);
   // Not an address: nothing counted, nothing denied.
   EXPECT_EQ(-1, AutoBlockFailLoginSet("not-an-ip", "SHARING"));
   EXPECT_EQ(-1, AutoBlockFailLoginSet(nullptr, "SHARING"));
@@ -52,6 +85,8 @@ TEST(AutoBlockTest, TenFailuresInTheWindowDenyThatAddressOnly) {
   EXPECT_EQ(0, KovaCgiIsDeniedIP(old));
   Fail(old, 1);
   EXPECT_EQ(1, KovaCgiIsDeniedIP(old));
+  // The block lasts until the oldest of the ten leaves the window, ten seconds from now.
+  ExpectBlocked(old, 10);
   // Counting a failure drops the rows that left the window.
   EXPECT_EQ(10, kovatest::AutoBlockSql("SELECT COUNT(*) FROM fail_login WHERE addr = "
                                        "'198.51.100.20' AND service = 'SHARING'"));
@@ -69,6 +104,7 @@ TEST(AutoBlockTest, Ipv6IsCountedPerSlash64) {
   }
   EXPECT_EQ(1, KovaCgiIsDeniedIP("2001:DB8:1:2:ffff:ffff:ffff:ffff"));
   EXPECT_EQ(0, KovaCgiIsDeniedIP("2001:db8:1:3::1")) << "the neighbouring /64 is another site";
+  ExpectBlocked("2001:db8:1:2::/64", 600);
   ASSERT_EQ(0, KOVAAutoBlockFailLoginReset("2001:db8:1:2::abcd"));
   EXPECT_EQ(0, KovaCgiIsDeniedIP("2001:db8:1:2::1")) << "a reset clears the whole prefix";
   // An IPv4 address written IPv4-mapped is the same client.

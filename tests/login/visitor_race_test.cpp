@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -131,6 +132,14 @@ TEST_F(VisitorTest, UseLimitAdmitsExactlyItsNumber) {
       EXPECT_EQ(limit + 10, UseCount(hash));
     }
   }
+}
+
+// Sixty wrong guesses from one address at once: ten are judged, every other one is blocked.
+TEST_F(VisitorTest, ParallelGuessesStopAtTheLimit) {
+  std::string const hash = PasswordEntry("pw");
+  std::map<int, int> seen;
+  for (int code : Race(60, hash, "guess", 0)) ++seen[code];
+  EXPECT_EQ((std::map<int, int>{{8, 50}, {9, 10}}), seen);
 }
 
 // However a link or a session goes, its tokens go with it, and no later link takes its row id.
