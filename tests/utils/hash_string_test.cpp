@@ -1,32 +1,56 @@
+// Digests, the purges' probability draw, string helpers and the random source.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "kova_random.h"
 #include "kovasharing/utils.h"
 
 using namespace KOVA::sharing;
+using namespace KOVA::RANDOM;
+
+namespace {
+
+// Hands out a fixed script of bytes (zeros after it), or fails once more than `fail_after`
+// bytes are asked for: shows how bytes become characters and numbers.
+class ScriptedSource : public KOVARandomBase {
+ public:
+  explicit ScriptedSource(std::vector<unsigned char> script, std::size_t fail_after = SIZE_MAX)
+      : script_(std::move(script)), left_(fail_after) {}
+
+ protected:
+  bool bytes(void* buf, std::size_t n) override {
+    if (n > left_) return false;
+    left_ -= n;
+    for (std::size_t i = 0; i < n; ++i, ++next_) {
+      static_cast<unsigned char*>(buf)[i] = next_ < script_.size() ? script_[next_] : 0;
+    }
+    return true;
+  }
+
+ private:
+  std::vector<unsigned char> script_;
+  std::size_t left_, next_ = 0;
+};
+
+}  // namespace
 
 TEST(Digest, KnownVectors) {
-  auto sha1 = [](std::string const& password, std::string const& salt) {
-    std::string out;
-    EXPECT_TRUE(Sha1WithSaltHashPassword(password, salt, out));
-    return out;
-  };
-  // Password first, salt second, nothing between; an empty password is accepted.
-  EXPECT_EQ("da23614e02469a0d7c7bd1bdab5c9c474b1904dc", sha1("a", "b"));  // SHA-1 of "ab"
-  EXPECT_EQ("6c0596b8ac609191181a90517d51c0b486f23799", sha1("b", "a"));  // SHA-1 of "ba"
-  EXPECT_EQ("da23614e02469a0d7c7bd1bdab5c9c474b1904dc", sha1("", "ab"));
-
   std::string out = "previous";
+  // Password first, salt second, nothing between; an empty password is accepted.
+  for (auto const& [password, salt] : {std::pair{"a", "b"}, {"", "ab"}}) {
+    ASSERT_TRUE(Sha1WithSaltHashPassword(password, salt, out));
+    EXPECT_EQ("da23614e02469a0d7c7bd1bdab5c9c474b1904dc", out);  // SHA-1 of "ab"
+  }
   EXPECT_FALSE(MD5HashPassword("", out));
-  EXPECT_EQ("previous", out);
-  ASSERT_TRUE(MD5HashPassword("abc", out));
-  EXPECT_EQ("900150983cd24fb0d6963f7d28e17f72", out);
-  // The whole byte string counts, an embedded zero byte included.
-  ASSERT_TRUE(MD5HashPassword(std::string("a\0b", 3), out));
+  ASSERT_TRUE(MD5HashPassword(std::string("a\0b", 3), out));  // the zero byte counts
   EXPECT_EQ("70350f6027bce3713f6b76473084309b", out);
 }
 
@@ -36,39 +60,64 @@ TEST(ProbabilityHit, WholePercentTruncated) {
     for (int i = 0; i < draws; ++i) n += IsProbabilityHit(probability) ? 1 : 0;
     return n;
   };
-  for (float p : {1.0f, 2.0f, 1e30f}) EXPECT_EQ(1000, hits(p, 1000)) << p;
-  for (float p : {0.0f, 0.009f, -0.5f, -1e30f, std::nanf("")}) EXPECT_EQ(0, hits(p, 3000)) << p;
-  // 0.01 is exactly one percent (r = 0 only); 0.999 is 99 whole percent (r = 99 misses).
+  for (float p : {1.0f, 1e30f}) EXPECT_EQ(1000, hits(p, 1000)) << p;
+  for (float p : {0.0f, 0.009f, -1e30f, std::nanf("")}) EXPECT_EQ(0, hits(p, 3000)) << p;
+  // 0.01 is exactly one percent; 0.999 is 99 whole percent.
   EXPECT_NEAR(200, hits(0.01f, 20000), 99);
-  EXPECT_NEAR(10000, hits(0.5f, 20000), 699);
   EXPECT_NEAR(19800, hits(0.999f, 20000), 99);
 }
 
-TEST(StringExplode, WholeDelimiterNoEmptyPiecesRefusedDelimiters) {
+TEST(Strings, ExplodeAndTextForms) {
   using Pieces = std::vector<std::string>;
-  auto explode = [](char const* text, char const* delimiter) {
+  std::vector<std::tuple<char const*, char const*, Pieces>> const cases = {
+      {",a,,b,", ",", {"a", "b"}},
+      {"a, b", ", ", {"a", "b"}},
+      {"a,b", ", ", {"a,b"}},
+      {"aaa", "aa", {"a"}},
+      {"", ",", {}}};
+  for (auto const& [text, delimiter, pieces] : cases) {
     Pieces out = {"old"};
     EXPECT_TRUE(StringExplode(out, text, delimiter));
-    return out;
-  };
-  EXPECT_EQ((Pieces{"a", "b"}), explode(",a,,b,", ","));
-  EXPECT_EQ((Pieces{"a", "b"}), explode("a, b", ", "));
-  EXPECT_EQ((Pieces{"a,b"}), explode("a,b", ", "));
-  EXPECT_EQ((Pieces{"a"}), explode("aaa", "aa"));
-  EXPECT_EQ((Pieces{}), explode("", ","));
-  Pieces out = {"kept", "too"};
-  EXPECT_FALSE(StringExplode(out, "a,b", nullptr));
-  EXPECT_FALSE(StringExplode(out, "a,b", ""));
-  EXPECT_EQ((Pieces{"kept", "too"}), out);
+    EXPECT_EQ(pieces, out) << text;
+  }
+  Pieces out = {"kept"};
+  EXPECT_FALSE(StringExplode(out, "a,b", nullptr) || StringExplode(out, "a,b", ""));
+  EXPECT_EQ(Pieces{"kept"}, out);
+  bool no = false;
+  EXPECT_EQ("-5 -9223372036854775808 1 0",
+            ToString<int const>(-5) + " " + ToString<long const>(LONG_MIN) + " " +
+                ToString<bool const>(true) + " " + ToString<bool>(no));
 }
 
-TEST(ToString, Forms) {
-  EXPECT_EQ("-5", ToString<int const>(-5));
-  EXPECT_EQ("-9223372036854775808", ToString<long const>(LONG_MIN));
-  EXPECT_EQ("1", ToString<bool const>(true));
-  EXPECT_EQ("0", ToString<bool const>(false));
-  bool no = false;
-  std::string text = "a b'c";
-  EXPECT_EQ("0", ToString<bool>(no));  // "1" is the URL tool's flag argument
-  EXPECT_EQ("a b'c", ToString<std::string>(text));
+TEST(Random, EvenPoolsInclusiveRangesAndRejection) {
+  KOVARandom random;
+  // Every pool character appears, none more than 5% off its share (about five deviations).
+  for (char const* pool : {POOL_ALPHA_NUMERIC, POOL_URL_FRIENDLY}) {
+    std::size_t const size = strlen(pool), per_char = 10000;
+    std::string out;
+    ASSERT_TRUE(random.getString(pool, size * per_char, out));
+    std::map<char, std::size_t> counts;
+    for (char c : out) ++counts[c];
+    EXPECT_EQ(size, counts.size());
+    for (char const* p = pool; *p; ++p) EXPECT_NEAR(per_char, counts[*p], per_char / 20) << *p;
+  }
+  std::map<int, int> seen;
+  for (int i = 0; i < 20000; ++i) ++seen[random.random(0, 99)];
+  EXPECT_EQ("100 0 99", std::to_string(seen.size()) + " " + std::to_string(seen.begin()->first) +
+                            " " + std::to_string(seen.rbegin()->first));
+  EXPECT_EQ(7, random.random(7, 1));
+
+  // 62 characters: bytes 248..255 would favour the first eight and are skipped; 64 divide 256.
+  std::string out;
+  ASSERT_TRUE(ScriptedSource({248, 255, 7, 247, 62, 0}).getString(POOL_ALPHA_NUMERIC, 4, out));
+  EXPECT_EQ("7z00", out);
+  ASSERT_TRUE(ScriptedSource({255, 64, 63}).getString(POOL_URL_FRIENDLY, 3, out));
+  EXPECT_EQ("_0_", out);
+  // A range of 1000 takes 32-bit words; the last 296 word values are rejected.
+  EXPECT_EQ(1, ScriptedSource({0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xfe, 0xd8, 0, 0, 0x03, 0xe9})
+                   .random(0, 999));
+  // A source that fails part-way gives no partial string.
+  EXPECT_FALSE(ScriptedSource({1, 2, 3}, 300).getString(POOL_ALPHA_NUMERIC, 1000, out));
+  EXPECT_EQ("_0_", out);
+  EXPECT_EQ(-4, ScriptedSource({}, 0).random(-4, 100));
 }
