@@ -3,7 +3,6 @@
 # browser test; it is not installed.
 add_executable(kovasharing-gate tools/gate/gate.cpp tools/gate/gate_html.cpp)
 target_compile_options(kovasharing-gate PRIVATE ${KOVA_WARNINGS})
-target_include_directories(kovasharing-gate PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/platform/include)
 target_link_libraries(kovasharing-gate PRIVATE kovasharing kovaplatform)
 
 add_executable(kovasharing-demo-links tools/gate/demo_links.cpp)

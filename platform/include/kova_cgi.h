@@ -21,6 +21,10 @@ typedef struct KovaCgiRequest* KOVA_CGI_HANDLE;
  * and Secure when the request came over HTTPS. */
 #define KOVA_CGI_COOKIE_SECURE 0x1          /* Secure even over plain HTTP */
 #define KOVA_CGI_COOKIE_SCRIPT_READABLE 0x2 /* leave out HttpOnly */
+#define KOVA_CGI_COOKIE_EXPIRE 0x4          /* Max-Age=0: the browser drops the cookie */
+
+/* Flags of KovaCgiGetRequestParam. */
+#define KOVA_CGI_PARAM_BODY_ONLY 0x1 /* only the POST body: secrets never come from the URL */
 
 /* Flags of the login request. */
 #define KOVA_CGI_LOGIN_QUIET 0x1 /* authentication modules print nothing (PAM_SILENT) */
@@ -47,7 +51,8 @@ KOVA_PLATFORM_EXPORT int KovaCgiInit(const char* config, KOVA_CGI_HANDLE* handle
 KOVA_PLATFORM_EXPORT int KovaCgiLoadInCookies(KOVA_CGI_HANDLE handle);
 
 /* The decoded value of the first request parameter called `name` (query string first, then
- * the body), or NULL. `flags` is reserved: pass 0. The text belongs to the handle. */
+ * the body), or NULL. `flags`: 0, or KOVA_CGI_PARAM_BODY_ONLY. The text belongs to the
+ * handle. */
 KOVA_PLATFORM_EXPORT const char* KovaCgiGetRequestParam(KOVA_CGI_HANDLE handle, const char* name,
                                                         int flags);
 

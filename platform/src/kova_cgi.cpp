@@ -252,7 +252,8 @@ int Converse(int count, const struct pam_message** messages, struct pam_response
 }  // namespace
 
 struct KovaCgiRequest {
-  Pairs params;
+  Pairs params;             // those of the query string first, then those of the body
+  size_t query_params = 0;  // how many came from the query string
   Pairs cookies;
   std::string set_cookie_headers;
 };
@@ -267,6 +268,7 @@ int KovaCgiInit(const char* config, KOVA_CGI_HANDLE* handle) {
   try {
     char const* query = getenv("QUERY_STRING");
     if (query != nullptr) ParseForm(query, strlen(query), request->params);
+    request->query_params = request->params.size();
     std::string const* body = nullptr;
     if (LoadBody(body) != 1) {
       delete request;
@@ -319,10 +321,10 @@ int KovaCgiLoadInCookies(KOVA_CGI_HANDLE handle) {
 }
 
 const char* KovaCgiGetRequestParam(KOVA_CGI_HANDLE handle, const char* name, int flags) {
-  (void)flags;
   if (handle == nullptr || name == nullptr) return nullptr;
-  for (auto const& param : handle->params) {
-    if (param.first == name) return param.second.c_str();
+  size_t const first = (flags & KOVA_CGI_PARAM_BODY_ONLY) ? handle->query_params : 0;
+  for (size_t i = first; i < handle->params.size(); ++i) {
+    if (handle->params[i].first == name) return handle->params[i].second.c_str();
   }
   return nullptr;
 }
@@ -355,7 +357,11 @@ int KovaCgiSetCookies(KOVA_CGI_HANDLE handle, const char* name, const char* valu
   try {
     std::string header = "Set-Cookie: ";
     header.append(name).append("=").append(value);
-    if (max_age > 0) header.append("; Max-Age=").append(std::to_string(max_age));
+    if (flags & KOVA_CGI_COOKIE_EXPIRE) {
+      header.append("; Max-Age=0");
+    } else if (max_age > 0) {
+      header.append("; Max-Age=").append(std::to_string(max_age));
+    }
     if (path != nullptr && *path) header.append("; Path=").append(path);
     if (domain != nullptr && *domain) header.append("; Domain=").append(domain);
     char const* https = getenv("HTTPS");

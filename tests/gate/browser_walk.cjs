@@ -57,7 +57,7 @@ async function main() {
 
   await page.fill('input[name="password"]', 'a wrong guess');
   await Promise.all([page.waitForNavigation(), page.click('button[type="submit"]')]);
-  check((await page.textContent('.notice.error') || '').includes('did not work'),
+  check((await page.textContent('.notice.error') || '').includes('does not open'),
     'a wrong password is refused');
   check(await page.isVisible('input[name="password"]'), 'the form is shown again');
   await shot(page, 'wrong-password');
@@ -68,9 +68,10 @@ async function main() {
   check((await page.textContent('main')).includes('Summer photos'), 'the shared data is shown');
   check(page.url() === passwordLink, 'the browser is back on the link (POST, then GET)');
   const cookies = await context.cookies();
-  const sid = cookies.find((c) => c.name === 'sharing_sid');
-  check(sid && sid.httpOnly && sid.sameSite === 'Lax' && sid.path === '/' && !sid.secure,
-    'the session cookie is HttpOnly, SameSite=Lax, Path=/');
+  const gatePath = new URL(passwordLink).pathname;
+  const sid = cookies.find((c) => c.name.startsWith('sharing_sid_'));
+  check(sid && sid.httpOnly && sid.sameSite === 'Lax' && sid.path === gatePath && !sid.secure,
+    'the link\'s session cookie is HttpOnly, SameSite=Lax, for the gate\'s path only');
   check(sid && sid.domain === '127.0.0.1', 'the cookie belongs to this host only');
   await shot(page, 'content');
 
@@ -83,6 +84,8 @@ async function main() {
   check((await page.textContent('.notice.info') || '').includes('logged out'),
     'log out says so');
   check(await page.isVisible('input[name="password"]'), 'the password form is back');
+  check(!(await context.cookies()).some((c) => c.name.startsWith('sharing_sid_')),
+    'log out drops the session cookie');
   await shot(page, 'logged-out');
   await page.goto(passwordLink);
   check(await page.isVisible('input[name="password"]'), 'opening the link again asks again');

@@ -3,7 +3,7 @@
 if(TARGET kovasharing-gate)
   add_executable(test_gate ${CMAKE_CURRENT_LIST_DIR}/gate_cgi_test.cpp)
   target_compile_options(test_gate PRIVATE ${KOVA_WARNINGS})
-  target_link_libraries(test_gate PRIVATE kovatest_support kovasharing)
+  target_link_libraries(test_gate PRIVATE kovatest_support kovasharing kovaplatform)
   target_compile_definitions(test_gate PRIVATE
     KOVA_GATE_BINARY="$<TARGET_FILE:kovasharing-gate>")
   add_dependencies(test_gate kovasharing-gate kova_schema)

@@ -3,10 +3,18 @@
 // and the right form to everybody else; a POST logs in (or out) and answers with a redirect
 // back to the link, so that reloading a page never sends a password again.
 //
-// What a page tells must not help somebody who guesses links: an unknown or no longer valid
-// link shows the same password form as a real one, and a wrong password and an unknown link
-// get the same answer. Every text on a page is escaped; pages carry no script.
+// What a page tells must not help somebody who guesses links: an unknown, expired or used-up
+// link shows the same password form as a real one, and a wrong password and such a link get
+// the same answer, are counted alike as failed logins of the address, and take the same work.
+// Every text on a page is escaped; pages carry no script.
+//
+// Sessions: every login starts a new session (a session id the browser brings along may have
+// been planted by somebody else), kept in a cookie of its own per link, scoped to the gate's
+// path; a visitor the link already lets in keeps the session it has. The login runs quiet, so
+// that no login, however successful, clears the address's count of failed logins.
+#include <ctype.h>
 #include <json/writer.h>
+#include <kova_autoblock.h>
 #include <kova_cgi.h>
 #include <kovasharing/kovasharing.h>
 #include <stdio.h>
@@ -77,6 +85,21 @@ bool IsSafeTarget(std::string const& target) {
 
 bool IsHttps() { return strcasecmp(Env("HTTPS").c_str(), "on") == 0; }
 
+// The failed login of an address whose attempt the gate holds: counted as any guess is.
+void CountFailure(std::string const& address) { AutoBlockFailLoginSet(address.c_str(), "SHARING"); }
+
+// The work a wrong password costs, done for a link that has none to check, so that the answer
+// does not come sooner.
+void CheckDecoyPassword(std::string const& password) {
+  static Entry const decoy = [] {
+    Entry entry;
+    entry.set_protect_type(Entry::PROTECT_PASSWORD);
+    entry.set_protect_password("decoy", true, Entry::ENCRYPT_ALGO_DEFAULT);
+    return entry;
+  }();
+  (void)decoy.IsPasswordValid(password);
+}
+
 class Gate {
  public:
   Gate() = default;
@@ -85,13 +108,20 @@ class Gate {
   Gate& operator=(Gate const&) = delete;
 
   Reply Handle();
+  // 500, with one line on standard error (the web server's error log) and in the system log.
+  Reply Failure(char const* what) const;
   KOVA_CGI_HANDLE cgi() const { return cgi_; }
 
  private:
-  std::string Param(char const* name) const {
-    char const* value = KovaCgiGetRequestParam(cgi_, name, 0);
+  std::string Param(char const* name, int flags = 0) const {
+    char const* value = KovaCgiGetRequestParam(cgi_, name, flags);
     return value != nullptr ? value : "";
   }
+  // A credential: from the form's body only, never from the address, which ends up in logs.
+  std::string Secret(char const* name) const { return Param(name, KOVA_CGI_PARAM_BODY_ONLY); }
+  // The session cookie of this link; "" when the hash cannot name a cookie (no such link).
+  std::string CookieName() const;
+  bool SetSessionCookie(std::string const& value, int flags);
   std::string LinkUrl() const { return script_ + "?" + SZK_SHARING_ID + "=" + UrlEncode(hash_); }
 
   Reply HandleGet();
@@ -99,20 +129,21 @@ class Gate {
   Reply HandleLogout();
   Reply Content();
 
-  // The entry behind the hash when it is there and usable now.
+  // The entry behind the hash when it is there, usable now and not used up.
   bool LoadValidEntry(Entry& entry) const;
   // The form an unauthorised visitor gets; unknown and unusable links look like password ones.
   Form FormFor() const;
+  static Form FormOf(bool valid, Entry const& entry);
   Page FormPage(Form form) const;
   Reply Show(Page const& page) const;
   Reply Redirect(std::string const& location) const;
-  Reply Failure(char const* what) const;
   Reply Blocked() const;
-  Reply UsedUp() const;
+  Reply Refused(std::string const& username) const;
 
   KOVA_CGI_HANDLE cgi_ = nullptr;
   std::string hash_;
   std::string session_id_;
+  std::string address_;  // the client's, as the login reads it
   std::string script_ = "/";
   std::string stylesheet_ = kDefaultStylesheet;
 };
@@ -136,7 +167,9 @@ Reply Gate::Redirect(std::string const& location) const {
 }
 
 Reply Gate::Failure(char const* what) const {
+  // The system log, and the web server's error log (many hosts have only the latter).
   syslog(LOG_ERR, "%s:%d (%u) %s", kSource, __LINE__, (unsigned)getpid(), what);
+  fprintf(stderr, "%s: %s\n", kSource, what);
   Page page;
   page.status = 500;
   page.title = "Something went wrong";
@@ -157,12 +190,36 @@ Reply Gate::Blocked() const {
   return reply;
 }
 
-Reply Gate::UsedUp() const {
-  Page page;
-  page.status = 410;
-  page.title = "This link has been used up";
-  page.lead.push_back("It has been opened as often as the person who shared it allowed.");
-  page.lead.push_back("Ask them for a new link if you still need it.");
+std::string Gate::CookieName() const {
+  if (hash_.empty() || hash_.size() > kMaxHash) return "";
+  for (char const c : hash_) {
+    if (!isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_') return "";
+  }
+  // "__Host-": over HTTPS the browser takes the cookie only from this host, over HTTPS.
+  return std::string(IsHttps() ? "__Host-" : "") + SZK_SHARING_SID + "_" + hash_;
+}
+
+bool Gate::SetSessionCookie(std::string const& value, int flags) {
+  std::string const name = CookieName();
+  // The gate's own path; a "__Host-" cookie must have "/".
+  std::string const path = IsHttps() ? "/" : script_;
+  return !name.empty() &&
+         KovaCgiSetCookies(cgi_, name.c_str(), value.c_str(), 0, path.c_str(), nullptr, flags) == 1;
+}
+
+Reply Gate::Refused(std::string const& username) const {
+  Page page = FormPage(FormFor());
+  page.status = 403;
+  page.notice_tone = Tone::kError;
+  page.notice =
+      "This link does not open. The password may be wrong, or the link may have expired or "
+      "been used up; ask the person who sent it.";
+  if (page.form == Form::kAccount) {
+    page.notice =
+        "That did not work. Check your account name and password; this link may also not be "
+        "shared with your account.";
+    page.username = username;
+  }
   return Show(page);
 }
 
@@ -171,12 +228,18 @@ bool Gate::LoadValidEntry(Entry& entry) const {
   SharingDB& db = SharingDB::Instance();
   if (!db.IsGood()) return false;
   EntryDB entries(db);
-  return entries.GetByHash(hash_, entry) && entry.IsValid();
+  return entries.GetByHash(hash_, entry) && entry.IsValid() &&
+         (entry.get_expire_times() <= 0 || entry.get_use_count() < entry.get_expire_times());
 }
 
 Form Gate::FormFor() const {
   Entry entry;
-  if (!LoadValidEntry(entry)) return Form::kPassword;
+  bool const valid = LoadValidEntry(entry);
+  return FormOf(valid, entry);
+}
+
+Form Gate::FormOf(bool valid, Entry const& entry) {
+  if (!valid) return Form::kPassword;
   switch (entry.get_protect_type()) {
     case Entry::PROTECT_PASSWORD:
       return Form::kPassword;
@@ -288,48 +351,53 @@ Reply Gate::HandleGet() {
 }
 
 Reply Gate::HandleLogin() {
-  std::string const password = Param(SZK_PASSWORD_);
-  std::string const username = Param(SZK_ZEL_USERNAME);
-  std::string const user_password = Param(SZK_ZEL_PASSWORD);
+  // A visitor this link already lets in keeps its session: pressing Open again, or sending
+  // the form twice, makes no second one.
+  if (!session_id_.empty()) {
+    _tag_sharing_login_params const params = {hash_.c_str(), nullptr, nullptr, nullptr,
+                                              session_id_.c_str()};
+    if (KOVA::KovaSharingIsAuthorized(&params) == 1) return Redirect(LinkUrl());
+  }
+  std::string const password = Secret(SZK_PASSWORD_);
+  std::string const username = Secret(SZK_ZEL_USERNAME);
+  std::string const user_password = Secret(SZK_ZEL_PASSWORD);
   auto const or_null = [](std::string const& text) {
     return text.empty() ? nullptr : text.c_str();
   };
-  _tag_sharing_login_params const params = {hash_.c_str(), or_null(password), or_null(username),
-                                            or_null(user_password), or_null(session_id_)};
+  // The password is never null, so that a password link judges every form as a guess. No
+  // earlier session id is passed on: the login starts a new session.
+  _tag_sharing_login_params const params = {hash_.c_str(), password.c_str(), or_null(username),
+                                            or_null(user_password), nullptr};
+  // The address's attempt lasts until the gate has counted what the login does not count.
+  KovaCgiIsDeniedIP(address_.c_str());
+  struct AttemptEnd {
+    ~AttemptEnd() { KovaCgiAttemptDone(); }
+  } const attempt_end;
   std::string session_id;
   // An oversized hash is no link; it gets the answer of an unknown one without a look-up.
-  int const code =
-      hash_.size() > kMaxHash ? -3 : KOVA::KovaSharingLogin(session_id, &params, false);
+  int const code = hash_.size() > kMaxHash ? -3 : KOVA::KovaSharingLogin(session_id, &params, true);
   switch (code) {
     case 1:
-      if (KovaCgiSetCookies(cgi_, SZK_SHARING_SID, session_id.c_str(), 0, "/", nullptr, 0) != 1) {
-        return Failure("session cookie cannot be set");
-      }
+      if (!SetSessionCookie(session_id, 0)) return Failure("session cookie cannot be set");
       return Redirect(LinkUrl());
     case -8:
       return Blocked();
-    case -11:
-      return UsedUp();
     case -2:
     case -3:
     case -9:
-    case -10: {
-      // Wrong password, unknown link, refused account and an account outside the link's
-      // users and groups: one answer for all, so that none of them tells the others apart.
-      Page page = FormPage(FormFor());
-      page.status = 403;
-      page.notice_tone = Tone::kError;
-      if (page.form == Form::kAccount) {
-        page.notice =
-            "That did not work. Check your account name and password; this link may "
-            "also not be shared with your account.";
-        page.username = username;
-      } else {
-        page.notice =
-            "That did not work. Check the password, and that you have the whole link "
-            "and it is still valid.";
+    case -10:
+    case -11: {
+      // A wrong password or account, an account outside the link's users and groups, and a
+      // link that is unknown, expired or used up: one answer for all, and one failure counted
+      // for each. The login counted the guesses it judged: a wrong password or account, and
+      // any refusal of an account link; the rest is counted here.
+      Entry entry;
+      bool const valid = LoadValidEntry(entry);
+      if (code == -10 || code == -11 || (code == -3 && !valid)) {
+        CheckDecoyPassword(password);
+        CountFailure(address_);
       }
-      return Show(page);
+      return Refused(username);
     }
     default:
       return Failure("login failed");
@@ -340,6 +408,7 @@ Reply Gate::HandleLogout() {
   if (!session_id_.empty() && hash_.size() <= kMaxHash) {
     KOVA::KovaSharingLogout(hash_, session_id_);  // not logged in is as good as logged out
   }
+  if (!session_id_.empty()) SetSessionCookie("", KOVA_CGI_COOKIE_EXPIRE);
   return Redirect(LinkUrl() + "&" + SZK_ACTION + "=" + kLoggedOut);
 }
 
@@ -372,8 +441,11 @@ Reply Gate::Handle() {
   }
   KovaCgiLoadInCookies(cgi_);
   hash_ = Param(SZK_SHARING_ID);
-  char const* sid = KovaCgiGetCookie(cgi_, SZK_SHARING_SID);
+  std::string const cookie = CookieName();
+  char const* sid = cookie.empty() ? nullptr : KovaCgiGetCookie(cgi_, cookie.c_str());
   session_id_ = sid != nullptr ? sid : "";
+  char address[64];
+  if (KovaCgiGetRemoteIP(address, sizeof address) == 0) address_ = address;
 
   if (hash_.empty()) {
     Page page;
@@ -424,7 +496,14 @@ void Print(Reply const& reply, bool with_body, char const* cookies) {
 
 int main() {
   Gate gate;
-  Reply const reply = gate.Handle();
+  Reply reply;
+  try {
+    reply = gate.Handle();
+  } catch (std::exception const& e) {
+    reply = gate.Failure((std::string("unexpected failure: ") + e.what()).c_str());
+  } catch (...) {
+    reply = gate.Failure("unexpected failure");
+  }
   // The cookie headers belong to the request handle, which the gate keeps to the end.
   Print(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()));
   return 0;
