@@ -1,12 +1,13 @@
-# The administrator's command-line tool. It links only the shared library, so it can use
-# nothing but the exported API, as any application would.
+# The administrator's command-line tool. It links only the shared libraries (the sharing
+# library, and the platform's for the failed-login store), so it can use nothing but their
+# exported API, as any application would.
 add_executable(kovasharing_cli tools/cli/main.cpp tools/cli/args.cpp tools/cli/commands.cpp
   tools/cli/output.cpp)
 set_target_properties(kovasharing_cli PROPERTIES OUTPUT_NAME kovasharing
   RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 target_compile_options(kovasharing_cli PRIVATE ${KOVA_WARNINGS})
 target_compile_definitions(kovasharing_cli PRIVATE KOVA_VERSION="${PROJECT_VERSION}")
-target_link_libraries(kovasharing_cli PRIVATE kovasharing)
+target_link_libraries(kovasharing_cli PRIVATE kovasharing kovaplatform)
 install(TARGETS kovasharing_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 # Manual pages are installed compressed, as Debian keeps them; -n leaves the name and time

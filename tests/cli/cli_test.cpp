@@ -356,6 +356,42 @@ TEST_F(CliTest, DeletesByHashAndByOwner) {
   EXPECT_EQ("deleted 0 entries\n", Cli({"delete", "--owner", "carol"}).out);
 }
 
+// An address blocked by failed logins: listed with its failures and the end of the block,
+// and lifted by the administrator; a text that is no address is refused.
+TEST_F(CliTest, ListsAndLiftsBlockedAddresses) {
+  std::string const hash =
+      Create({"--project", "p", "--owner", "alice", "--password-stdin"}, "pw\n");
+  char const addr[] = "192.0.2.91";
+  ASSERT_EQ(0, Cli({"unblock", addr}).status);
+  std::string sid;
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(-9, Login(sid, hash, addr, "guess"));
+  ASSERT_EQ(-8, Login(sid, hash, addr, "pw"));
+  Json::Value found;
+  for (auto const& row : Json({"blocked"})) {
+    if (row["address"] == addr) found = row;
+  }
+  EXPECT_EQ(10, found["failures"].asInt());
+  EXPECT_TRUE(found["blocked"].asBool());
+  EXPECT_EQ(19u, found["blocked_until"].asString().size());
+  EXPECT_NE(std::string::npos, Cli({"blocked"}).out.find("\n192.0.2.91 "));
+  struct Case {
+    Strings args;
+    int status;
+    std::string out;
+  } const cases[] = {
+      {{"unblock", "192.0.2"}, 2, ""},
+      {{"unblock"}, 2, ""},
+      {{"unblock", addr}, 0, "unblocked 192.0.2.91 (10 failed logins cleared)\n"},
+      {{"unblock", addr}, 0, "unblocked 192.0.2.91 (0 failed logins cleared)\n"},
+  };
+  for (auto const& c : cases) {
+    Outcome const run = Cli(c.args);
+    EXPECT_EQ(c.status, run.status) << c.args.size();
+    EXPECT_EQ(c.out, run.out);
+  }
+  EXPECT_EQ(1, Login(sid, hash, addr, "pw"));
+}
+
 TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
   std::string const gone = Create({"--project", "p", "--owner", "alice"});
   std::string const kept = Create({"--project", "p", "--owner", "alice", "--auto-gc", "no",

@@ -5,6 +5,8 @@
 // counts are those of the change itself.
 #include "commands.h"
 
+#include <arpa/inet.h>
+#include <kova_autoblock.h>
 #include <kovasharing/kovasharing.h>
 
 #include <algorithm>
@@ -611,6 +613,69 @@ int RunLogout(Args const& args) {
   return kOk;
 }
 
+// ---------------------------------------------------------------- blocked, unblock
+
+int RunBlocked(Args const& args) {
+  args.ExpectPositional(0, "");
+  struct Row {
+    std::string address;
+    int failures;
+    long long until;
+  };
+  std::vector<Row> rows;
+  int const listed = AutoBlockList(
+      [](char const* address, int failures, long long until, void* data) {
+        static_cast<std::vector<Row>*>(data)->push_back({address, failures, until});
+      },
+      &rows);
+  if (listed < 0) throw Error(kDatabase, "cannot read the failed-login store");
+  if (WantsJson(args)) {
+    Json::Value out(Json::arrayValue);
+    for (auto const& row : rows) {
+      Json::Value item(Json::objectValue);
+      item["address"] = row.address;
+      item["failures"] = row.failures;
+      item["blocked"] = row.until != 0;
+      item["blocked_until"] = TimeText(static_cast<long>(row.until));
+      out.append(item);
+    }
+    PrintJson(std::cout, out);
+    return kOk;
+  }
+  Table table({"ADDRESS", "FAILURES", "BLOCKED UNTIL"});
+  for (auto const& row : rows) {
+    table.Add({row.address, std::to_string(row.failures),
+               row.until != 0 ? TimeText(static_cast<long>(row.until)) : "-"});
+  }
+  table.Print(std::cout);
+  return kOk;
+}
+
+int RunUnblock(Args const& args) {
+  args.ExpectPositional(1, "ADDRESS");
+  std::string const& address = args.positional()[0];
+  // An IPv6 prefix is listed as "<address>/64"; the store takes that form too.
+  std::string const plain = address.size() > 3 && address.compare(address.size() - 3, 3, "/64") == 0
+                                ? address.substr(0, address.size() - 3)
+                                : address;
+  unsigned char raw[sizeof(struct in6_addr)];
+  if (inet_pton(AF_INET, plain.c_str(), raw) != 1 && inet_pton(AF_INET6, plain.c_str(), raw) != 1) {
+    throw Error(kUsage, "not an IPv4 or IPv6 address: \"" + OneLine(address) + "\"");
+  }
+  int const cleared = AutoBlockUnblock(address.c_str());
+  if (cleared < 0) throw Error(kDatabase, "cannot change the failed-login store");
+  if (WantsJson(args)) {
+    Json::Value out(Json::objectValue);
+    out["address"] = address;
+    out["failures_cleared"] = cleared;
+    PrintJson(std::cout, out);
+  } else {
+    std::cout << "unblocked " << address << " (" << cleared
+              << (cleared == 1 ? " failed login" : " failed logins") << " cleared)\n";
+  }
+  return kOk;
+}
+
 std::vector<OptionSpec> const kFieldOptions = {{"project", true, false},
                                                {"owner", true, false},
                                                {"enabled", true, false},
@@ -672,6 +737,16 @@ std::vector<Command> const& Commands() {
        kLogoutHelp,
        {{"json", false, false}},
        RunLogout},
+      {"blocked",
+       "list visitor addresses with failed logins",
+       kBlockedHelp,
+       {{"json", false, false}},
+       RunBlocked},
+      {"unblock",
+       "lift the block of a visitor address",
+       kUnblockHelp,
+       {{"json", false, false}},
+       RunUnblock},
   };
   return commands;
 }

@@ -111,6 +111,18 @@ inline constexpr char kLogoutHelp[] =
     "session ids). The session itself stays for its other links. Put \"--\" before a\n"
     "session id that begins with \"--\".\n";
 
+inline constexpr char kBlockedHelp[] =
+    "Usage: kovasharing blocked [--json]\n"
+    "\n"
+    "Lists the visitor addresses with failed logins in the last ten minutes (IPv6 by their\n"
+    "/64 prefix), how many, and until when an address with ten or more stays blocked.\n";
+
+inline constexpr char kUnblockHelp[] =
+    "Usage: kovasharing unblock ADDRESS [--json]\n"
+    "\n"
+    "Clears the failed logins of an address (or of an IPv6 prefix written as listed,\n"
+    "\"PREFIX/64\"), so that it is no longer blocked.\n";
+
 }  // namespace kovacli
 
 #endif
