@@ -1,50 +1,14 @@
-// The platform's file helpers, program runner and database access layer, on real files and
-// real child processes.
-#include <signal.h>
-
+// The platform's database access layer on real files: what a text of statements runs and
+// returns, and how long a writer waits for a lock another connection holds.
 #include <chrono>
 #include <thread>
 
 #include "db_test_util.h"
-#include "klibc.h"
 #include "kovadb.h"
 
 namespace {
 
 using dbtest::Sql;
-char const* const kEnd = nullptr;
-
-// Everything the program wrote, then ";" and the close value.
-std::string Drain(FILE* fp) {
-  if (fp == nullptr) return "<not started>";
-  std::string out;
-  char buf[256];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, fp)) > 0;) out.append(buf, n);
-  return out + ";" + std::to_string(KLIBCPclose(fp));
-}
-
-TEST(Klibc, FilesAndPrograms) {
-  kovatest::TempDir dir;
-  std::string const path = dir.File("f");
-  EXPECT_EQ(0, KLIBCFileExist(path.c_str()));
-  kovatest::WriteFile(path, "keep me");
-  ASSERT_EQ(0, KLIBCFileTouch(path.c_str()));
-  EXPECT_EQ("keep me", kovatest::ReadFile(path)) << "touching keeps what the file holds";
-  EXPECT_NE(0, KLIBCFileExist(path.c_str()));
-  EXPECT_EQ(-1, KLIBCFileTouch(dir.File("no/such").c_str()));
-
-  // No shell: blanks, quotes and shell syntax travel untouched, an empty argument stays a word.
-  EXPECT_EQ(
-      "/bin/sh\0-c\0cat /proc/$$/cmdline\0a  b'$(id)\0\0;0"s,
-      Drain(KLIBCPopen("/bin/sh", "r", "-c", "cat /proc/$$/cmdline", "a  b'$(id)", "", kEnd)));
-  char const* const argv[] = {"given-name", "-c", "cat /proc/$$/cmdline", nullptr};
-  EXPECT_EQ("given-name\0-c\0cat /proc/$$/cmdline\0;0"s, Drain(KLIBCPopenv("/bin/sh", "r", argv)));
-  // The close value is the wait status; the child's input is empty.
-  EXPECT_EQ("done\n;768", Drain(KLIBCPopen("/bin/sh", "r", "-c", "cat; echo done; exit 3", kEnd)));
-  EXPECT_EQ(";" + std::to_string(SIGTERM),
-            Drain(KLIBCPopen("/bin/sh", "r", "-c", "kill $$", kEnd)));
-  EXPECT_EQ(nullptr, KLIBCPopen("/no/such/program", "r", kEnd));
-}
 
 TEST(KovaDB, ConnectExecuteFetch) {
   kovatest::TempDir dir;

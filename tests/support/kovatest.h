@@ -13,19 +13,16 @@ struct LogLine {
   std::string text;  // fully formatted, "%m" expanded
 };
 
-// Every line the code under test sent to syslog since the last ClearLogs().
+// The lines the code under test sent to syslog since the last ClearLogs(), in order; their
+// texts; whether some contain `needle`, and how many.
 std::vector<LogLine> Logs();
 void ClearLogs();
-// Texts only, in order.
 std::vector<std::string> LogTexts();
-// True when some captured line contains `needle`.
 bool LogContains(std::string const& needle);
-// Number of captured lines that contain `needle`.
 int LogCount(std::string const& needle);
 
-// The appliance root of this build (KOVA_ROOT, may be empty in a production build).
+// The appliance root of this build (KOVA_ROOT); whether the process really runs as root.
 std::string Root();
-// True when the process really runs as root (CI does); identity tests need it.
 bool RealRoot();
 
 // A fresh directory under /tmp, owned by the system account (uid 1, gid 1) with mode 0770
@@ -43,12 +40,11 @@ class TempDir {
   std::string path_;
 };
 
-// Runs a shell command (test set-up only, never the code under test); returns its exit status.
+// A shell command for test set-up (never the code under test); its exit status.
 int Shell(std::string const& command);
-// Reads a whole file; empty when it cannot be read.
-std::string ReadFile(std::string const& path);
+std::string ReadFile(std::string const& path);  // empty when it cannot be read
 void WriteFile(std::string const& path, std::string const& text);
-void RemoveTree(std::string const& path);
+void RemoveTree(std::string const& path);  // under /tmp only
 
 }  // namespace kovatest
 

@@ -20,12 +20,11 @@ class IdentityWatch : public testing::EmptyTestEventListener {
     gid_ = getegid();
   }
   void OnTestEnd(testing::TestInfo const& info) override {
-    if (geteuid() != uid_ || getegid() != gid_) {
-      fprintf(stderr, "IDENTITY CHANGED by %s.%s: euid %u->%u egid %u->%u\n",
-              info.test_suite_name(), info.name(), uid_, geteuid(), gid_, getegid());
-      changed = true;
-      if (setresgid(-1, gid_, -1) != 0 || setresuid(-1, uid_, -1) != 0) perror("restore");
-    }
+    if (geteuid() == uid_ && getegid() == gid_) return;
+    fprintf(stderr, "IDENTITY CHANGED by %s.%s: euid %u->%u egid %u->%u\n", info.test_suite_name(),
+            info.name(), uid_, geteuid(), gid_, getegid());
+    changed = true;
+    if (setresgid(-1, gid_, -1) != 0 || setresuid(-1, uid_, -1) != 0) perror("restore");
   }
   bool changed = false;
 

@@ -74,8 +74,8 @@ TEST(HelperPrograms, SharingUrl) {
   tool.Reply("path/x\n2\n");
   std::string url;
   _tag_SHARING_URL_TYPE type = SHARING_URL_TYPE_UNKNOWN;
-  ASSERT_TRUE(GetSharingURL("a b", -7, true, "k=v w", "", url, type));
-  EXPECT_EQ((Words{"a b", "-7", "1", "k=v w", ""}), tool.Args());
+  ASSERT_TRUE(GetSharingURL("a b", -7, true, "k=$(id) w'", "", url, type));
+  EXPECT_EQ((Words{"a b", "-7", "1", "k=$(id) w'", ""}), tool.Args());
   EXPECT_EQ("path/x 2", url + " " + std::to_string(type));
   ASSERT_TRUE(GetSharingURL("proj", 12, false, "t3", url, type));  // empty fourth word
   EXPECT_EQ((Words{"proj", "12", "0", "", "t3"}), tool.Args());
