@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "kova_paths.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/session_db.h"
 #include "visitor_test_util.h"
@@ -219,4 +220,21 @@ TEST_F(VisitorTest, BrokenTablesAreInternalFailures) {
     Exec("ALTER TABLE " + table + "_kept RENAME TO " + table);
   }
   EXPECT_EQ(1, Check(hash.c_str(), sid.c_str()));
+
+  // A damaged page of the entry table, read by a new process: the right password gets an
+  // internal failure, not a refusal. The file is put back afterwards.
+  Exec("PRAGMA wal_checkpoint(TRUNCATE)");
+  std::string const file = KOVA_SHARING_DB_FILE;
+  std::string const kept = kovatest::ReadFile(file);
+  long const page = Number("SELECT page_size AS v FROM pragma_page_size");
+  long const root = Number("SELECT rootpage AS v FROM sqlite_master WHERE name = 'entry'");
+  ASSERT_GT(root, 1);
+  ASSERT_GE(static_cast<long>(kept.size()), root * page);
+  std::string damaged = kept;
+  damaged.replace((root - 1) * page + 8, page - 8, page - 8, '\x7f');
+  kovatest::WriteFile(file, damaged);
+  std::vector<int> const codes = Race(1, hash, "pw", 0);
+  kovatest::WriteFile(file, kept);
+  EXPECT_EQ(std::vector<int>{4}, codes);
+  EXPECT_EQ("ok", Integrity());
 }
