@@ -1,43 +1,31 @@
 // Faults beneath the visitor functions and the stores: system calls of SQLite that fail (through
-// the unix VFS's system-call table), a write lock that another process holds longer than the
-// busy timeout, and a CGI process started without standard descriptors. Every call must answer
-// with its failure result, give the process its identity back, and leave an intact database in
-// which each row is either as it was or completely written. Children that must open the
-// database as a fresh process does are this program started again with KOVA_FAULT_CHILD set.
+// the unix VFS's system-call table), a write lock held longer than the busy timeout, and a CGI
+// process started without standard descriptors. Every call must answer with its failure result,
+// give the process its identity back, and leave an intact database whose rows are each as they
+// were or completely written. Children that must open the database as a fresh process does are
+// this program started again with KOVA_FAULT_CHILD set.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <string>
+#include <thread>
 #include <utility>
-#include <vector>
 
 #include "kovasharing/constants.h"
-#include "kovasharing/session.h"
 #include "kovasharing/session_db.h"
-#include "kovasharing/token.h"
 #include "kovasharing/token_db.h"
+#include "kovatest_db.h"
 #include "visitor_test_util.h"
 
 using namespace visitortest;
-using KOVA::sharing::db::SessionDB;
-using KOVA::sharing::db::TokenDB;
 using KOVA::sharing::record::Session;
 using KOVA::sharing::record::Token;
 
 namespace {
-
-// ---------------------------------------------------------------- system-call faults
 
 std::atomic<long> g_writes_left{0};  // writes that still succeed; every later one fails
 std::string g_open_fail;             // an open of a path that ends with this fails
@@ -56,10 +44,7 @@ int FailingOpen(char const* path, int flags, int mode) {
   }
   return open(path, flags, mode);
 }
-int FailingFstat(int, struct stat*) {
-  errno = EIO;
-  return -1;
-}
+int FailingFstat(int, struct stat*) { return errno = EIO, -1; }
 
 // Puts `fn` into the unix VFS's system-call table (none: the original again).
 template <typename F = void()>
@@ -68,10 +53,9 @@ int Hook(char const* name, F* fn = nullptr) {
   return vfs->xSetSystemCall(vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(fn));
 }
 
-// Failing writes for its lifetime, from the write after the first `succeeding` ones on. Both
-// names are replaced; the build of SQLite uses one of them.
-class WriteFault {
- public:
+// Failing writes for its lifetime, after the first `succeeding` ones (the build of SQLite uses
+// one of the two names).
+struct WriteFault {
   explicit WriteFault(long succeeding) {
     g_writes_left = succeeding;
     for (char const* name : {"pwrite", "pwrite64"}) EXPECT_EQ(SQLITE_OK, Hook(name, FailingPwrite));
@@ -81,29 +65,7 @@ class WriteFault {
   }
 };
 
-// ---------------------------------------------------------------- child processes
-
-// What the children do, chosen by KOVA_FAULT_CHILD:
-//   "open:<suffix>", "fstat": start with that fault and call every visitor function;
-//   "cgi": start without descriptors 0 to 2, log in, write junk to 1 and 2, check;
-//   "read": report the database's summary (kSummary) as this fresh process sees it;
-//   "hold": take the write lock, say so on KOVA_FAULT_READY_FD, keep it KOVA_FAULT_HOLD_MS.
-// The report goes into the file KOVA_FAULT_REPORT as "key=value" words.
-std::string Env(char const* name) {
-  char const* v = getenv(name);
-  return v ? v : "";
-}
-// The standard descriptors, 1 for each that is closed.
-std::string Closed() {
-  std::string out;
-  for (int fd = 0; fd <= 2; ++fd) out += fcntl(fd, F_GETFD) < 0 ? '1' : '0';
-  return out;
-}
-
-int WriteReport(std::string const& report) {
-  kovatest::WriteFile(Env("KOVA_FAULT_REPORT"), report);
-  return 0;
-}
+std::string Env(char const* name) { return getenv(name) ? getenv(name) : ""; }
 
 // Integrity and the size of every table, one text.
 char const kSummary[] =
@@ -111,74 +73,65 @@ char const kSummary[] =
     "entry) || '/' || (SELECT SUM(use_count) FROM entry) || '/' || (SELECT COUNT(*) FROM session) "
     "|| '/' || (SELECT COUNT(*) FROM token) AS v";
 
-int HoldWriteLock() {
-  if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) return 10;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK)
-    return 11;
-  if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) return 12;
-  int const ready = atoi(Env("KOVA_FAULT_READY_FD").c_str());
-  if (write(ready, "L", 1) != 1) return 13;
-  usleep(static_cast<useconds_t>(atoi(Env("KOVA_FAULT_HOLD_MS").c_str())) * 1000);
-  sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-  sqlite3_close(db);
-  return 0;
-}
-
+// What a child does, by KOVA_FAULT_CHILD: "open:<suffix>" or "fstat" starts with that fault and
+// calls every visitor function; "cgi" starts without descriptors 0 to 2, logs in, writes junk to
+// 1 and 2 and checks; "read" reports kSummary as a fresh process sees it; "hold" takes the write
+// lock, says so on KOVA_FAULT_READY_FD and keeps it KOVA_FAULT_HOLD_MS. The report goes into the
+// file KOVA_FAULT_REPORT.
 int RunChild(std::string const& mode) {
-  if (mode == "hold") return HoldWriteLock();
-  std::string report;
+  if (mode == "hold") {
+    sqlite3* db = nullptr;
+    if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0 ||
+        sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
+        sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK ||
+        write(atoi(Env("KOVA_FAULT_READY_FD").c_str()), "L", 1) != 1) {
+      return 10;
+    }
+    usleep(static_cast<useconds_t>(atoi(Env("KOVA_FAULT_HOLD_MS").c_str())) * 1000);
+    return 0;
+  }
+  std::string report, out;
+  std::string const hash = Env("KOVA_FAULT_HASH"), sid = Env("KOVA_FAULT_SID");
+  _tag_sharing_login_params const params = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
   if (mode == "read") {
     KOVA::sharing::db::Result result;
     KOVA::sharing::db::Row row;
     if (SharingDB::Instance().Execute(kSummary, result) && result.NextRow(row))
       report = row.GetField("v").AsString("");
-    return WriteReport(report);
-  }
-  std::string const hash = Env("KOVA_FAULT_HASH"), sid = Env("KOVA_FAULT_SID");
-  _tag_sharing_login_params const params = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
-  std::string out;
-  if (mode == "cgi") {
-    report += "closed=" + Closed();
+  } else if (mode == "cgi") {
+    for (int fd = 0; fd <= 2; ++fd) report += fcntl(fd, F_GETFD) < 0 ? "closed " : "open ";
     int const login = KOVA::KovaSharingLogin(out, &params, false);
-    // What a careless CGI program prints, to stdout and stderr, by both routes.
-    std::string const junk(9000, 'J');
+    std::string const junk(9000, 'J');  // what a careless CGI program prints, by both routes
     for (int fd : {1, 2}) (void)!write(fd, junk.data(), junk.size());
-    printf("JUNKJUNK%s\n", junk.c_str());
-    fprintf(stderr, "JUNKJUNK%s\n", junk.c_str());
+    printf("JUNK%s\n", junk.c_str());
+    fprintf(stderr, "JUNK%s\n", junk.c_str());
     fflush(nullptr);
     _tag_sharing_login_params const again = {hash.c_str(), nullptr, nullptr, nullptr, out.c_str()};
-    report += " login=" + std::to_string(login) + " sid=" + out;
-    report += " check=" + std::to_string(KOVA::KovaSharingIsAuthorized(&again));
+    report += "login=" + std::to_string(login) +
+              " check=" + std::to_string(KOVA::KovaSharingIsAuthorized(&again));
   } else {
-    if (mode.compare(0, 5, "open:") == 0) {
-      g_open_fail = mode.substr(5);
-      Hook("open", FailingOpen);
-    } else if (mode == "fstat") {
-      Hook("fstat", FailingFstat);
-    }
+    g_open_fail = mode.substr(mode.find(':') + 1);
+    mode == "fstat" ? Hook("fstat", FailingFstat) : Hook("open", FailingOpen);
     // One call after the other: the operands of + are not evaluated in order.
     report += "good=" + std::to_string(SharingDB::Instance().IsGood());
     report += " login=" + std::to_string(KOVA::KovaSharingLogin(out, &params, true));
     report += " check=" + std::to_string(KOVA::KovaSharingIsAuthorized(&params));
     report += " logout=" + std::to_string(KOVA::KovaSharingLogout(hash, sid));
     report += " count=" + std::to_string(KOVA::KovaSharingIncreaseUseCount(hash));
-    Hook("open");
-    Hook("fstat");
   }
-  report += " euid=" + std::to_string(geteuid()) + " egid=" + std::to_string(getegid());
-  return WriteReport(report);
+  if (mode != "read")
+    report += " euid=" + std::to_string(geteuid()) + " egid=" + std::to_string(getegid());
+  kovatest::WriteFile(Env("KOVA_FAULT_REPORT"), report);
+  return 0;
 }
 
-// Runs before main: a child does its work and ends without reaching the tests.
-[[maybe_unused]] int const g_child = [] {
-  if (getenv("KOVA_FAULT_CHILD") == nullptr) return 0;
-  int const rc = RunChild(Env("KOVA_FAULT_CHILD"));
-  exit(rc);  // static destructors run, as at the end of a real request
-}();
+// Runs before main: a child does its work and ends (static destructors run, as at the end of a
+// real request) without reaching the tests.
+[[maybe_unused]] int const g_child =
+    getenv("KOVA_FAULT_CHILD") ? (exit(RunChild(Env("KOVA_FAULT_CHILD"))), 0) : 0;
 
 // Starts this program as a child in `mode` with the extra environment; `prepare` runs in the
-// forked process just before the program starts again.
+// forked process just before.
 pid_t StartChild(std::string const& mode, std::vector<std::string> const& env,
                  std::function<void()> const& prepare = nullptr) {
   pid_t const pid = fork();
@@ -196,8 +149,7 @@ int Wait(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// A process that holds the database's write lock for `hold_ms` or until it is killed (the
-// kernel then drops its locks, as for any process that dies).
+// A process that holds the database's write lock for `hold_ms` or until it is killed.
 class LockHolder {
  public:
   explicit LockHolder(int hold_ms) {
@@ -210,11 +162,10 @@ class LockHolder {
     locked = read(ready[0], &c, 1) == 1 && c == 'L';
     close(ready[0]);
   }
-  ~LockHolder() {
-    if (pid_ > 0) kill(pid_, SIGKILL);
-    Wait();
+  ~LockHolder() { Wait(); }
+  void Wait() {  // ends the holder
+    if (pid_ > 0) kill(pid_, SIGKILL), ::Wait(std::exchange(pid_, -1));
   }
-  int Wait() { return pid_ > 0 ? ::Wait(std::exchange(pid_, -1)) : -1; }
   bool locked = false;
 
  private:
@@ -227,38 +178,33 @@ double Seconds(std::function<void()> const& work) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// ---------------------------------------------------------------- fixture
-
 class Faults : public VisitorTest {
  protected:
   void SetUp() override {
     VisitorTest::SetUp();
     hash_ = MakeEntry();
     ASSERT_EQ(1, Login(sid_, hash_.c_str()));
-    euid_ = geteuid();
-    egid_ = getegid();
+    ids_ = kovatest::Ids();
   }
   // After a failed call: identity restored, database intact and as before.
   void ExpectUntouched(std::string const& before, std::string const& what) {
-    EXPECT_EQ(euid_, geteuid()) << what;
-    EXPECT_EQ(egid_, getegid()) << what;
+    EXPECT_EQ(ids_, kovatest::Ids()) << what;
     EXPECT_EQ("ok", Integrity()) << what;
     EXPECT_EQ(before, Snapshot()) << what;
   }
-  std::string Report(std::string const& mode, std::vector<std::string> env,
+  std::string Report(std::string const& mode, std::vector<std::string> env = {},
                      std::function<void()> const& prepare = nullptr) {
     kovatest::TempDir dir;
-    std::string const file = dir.File("report");
-    env.insert(env.begin(), {"KOVA_FAULT_REPORT=" + file, "KOVA_FAULT_HASH=" + hash_,
-                             "KOVA_FAULT_SID=" + sid_});  // the caller's words come later
+    env.insert(env.begin(), {"KOVA_FAULT_REPORT=" + dir.File("report"), "KOVA_FAULT_HASH=" + hash_,
+                             "KOVA_FAULT_SID=" + sid_});
     EXPECT_EQ(0, Wait(StartChild(mode, env, prepare))) << mode;
-    return kovatest::ReadFile(file);
+    return kovatest::ReadFile(dir.File("report"));
   }
-
+  // {name, result when the database cannot be written, what it logs then, the call}.
   struct VisitorCall {
     char const* name;
-    int failure;      // its result when the database cannot be written
-    char const* log;  // what it logs then ("" for nothing)
+    int failure;
+    char const* log;
     std::function<int()> call;
   };
   std::vector<VisitorCall> VisitorCalls() {
@@ -275,34 +221,28 @@ class Faults : public VisitorTest {
         {"logout", 0, "", [=] { return KOVA::KovaSharingLogout(hash_, sid_); }},
     };
   }
-
-  std::string hash_, sid_;
-  uid_t euid_ = 0;
-  gid_t egid_ = 0;
+  std::string hash_, sid_, ids_;
 };
 
 }  // namespace
 
-// ---------------------------------------------------------------- tests
-
 TEST_F(Faults, RunsOnThePinnedSQLite) {
-  std::string const expected =
-      std::string(KOVA_TEST_SQLITE_VERSION).empty() ? SQLITE_VERSION : KOVA_TEST_SQLITE_VERSION;
-  // The library's own connection, and the library that the test program links.
-  EXPECT_EQ(expected, Value("SELECT sqlite_version() AS v"));
-  if (std::string(KOVA_TEST_SQLITE_VERSION).empty()) return;
+  std::string const pinned = KOVA_TEST_SQLITE_VERSION;
+  EXPECT_EQ(pinned.empty() ? SQLITE_VERSION : pinned, Value("SELECT sqlite_version() AS v"));
+  if (pinned.empty()) return;
   // The shipped platform library carries that SQLite itself and needs no libsqlite3.
-  std::string const lib = KOVA_TEST_PLATFORM_LIBRARY;
   kovatest::TempDir dir;
-  ASSERT_EQ(0, kovatest::Shell("env -u LD_PRELOAD readelf -d '" + lib + "' >" + dir.File("d")));
+  ASSERT_EQ(0, kovatest::Shell("env -u LD_PRELOAD readelf -d '" KOVA_TEST_PLATFORM_LIBRARY "' >" +
+                               dir.File("d")));
   std::string const dynamic = kovatest::ReadFile(dir.File("d"));
-  EXPECT_NE(std::string::npos, dynamic.find("(NEEDED)"));
-  EXPECT_EQ(std::string::npos, dynamic.find("libsqlite3")) << dynamic;
-  void* handle = dlopen(lib.c_str(), RTLD_NOW | RTLD_LOCAL);
-  ASSERT_NE(nullptr, handle) << dlerror();
-  auto version = reinterpret_cast<char const* (*)()>(dlsym(handle, "sqlite3_libversion"));
-  ASSERT_NE(nullptr, version);
-  EXPECT_EQ(expected, version());
+  EXPECT_TRUE(dynamic.find("(NEEDED)") != std::string::npos &&
+              dynamic.find("libsqlite3") == std::string::npos)
+      << dynamic;
+  void* handle = dlopen(KOVA_TEST_PLATFORM_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  auto version =
+      handle ? reinterpret_cast<char const* (*)()>(dlsym(handle, "sqlite3_libversion")) : nullptr;
+  ASSERT_NE(nullptr, version) << dlerror();
+  EXPECT_EQ(pinned, version());
   dlclose(handle);
 }
 
@@ -317,32 +257,27 @@ TEST_F(Faults, FailingWritesLeaveEveryRowAsItWas) {
     }
     EXPECT_EQ(c.failure, code) << c.name;
     ExpectUntouched(before, c.name);
-    if (*c.log != '\0') {
-      EXPECT_TRUE(kovatest::LogContains(c.log)) << c.name;
-    }
-    // The connection is usable again as soon as the device is.
-    EXPECT_EQ(1, c.call()) << c.name << " after the fault";
+    EXPECT_TRUE(*c.log == '\0' || kovatest::LogContains(c.log)) << c.name;
+    EXPECT_EQ(1, c.call()) << c.name << ": usable again as soon as the device is";
   }
 }
 
 TEST_F(Faults, StoreOperationsFailWhole) {
   EntryDB entries(db());
-  SessionDB sessions(db());
-  TokenDB tokens(db());
-  Entry entry = Load(hash_);
+  KOVA::sharing::db::SessionDB sessions(db());
+  KOVA::sharing::db::TokenDB tokens(db());
+  Entry entry = Load(hash_), changed = Load(hash_);
+  changed.set_project_name("changed");
   Session session;
-  ASSERT_TRUE(sessions.GetBySessionId(sid_, session));
   Token token;
-  ASSERT_TRUE(tokens.GetBySessionEntry(session, entry, token));
+  ASSERT_TRUE(sessions.GetBySessionId(sid_, session) &&
+              tokens.GetBySessionEntry(session, entry, token));
   // Rows that the purges would remove.
   MakeEntry([](Entry& e) { e.set_expire_at(time(nullptr) - 10); });
   Exec(
       "INSERT INTO session VALUES (NULL, 'expired-session-id-0123456789abcd', 4294967295, "
       "'192.0.2.10', 1000)");
   Exec("INSERT INTO token VALUES (NULL, 999, 999, 1000)");
-
-  Entry changed = entry;
-  changed.set_project_name("changed");
   std::vector<std::pair<char const*, std::function<bool()>>> calls = {
       {"entry create", [&, e = entry]() mutable { return entries.CreateWithHash(e); }},
       {"entry update", [&] { return entries.Update(changed); }},
@@ -365,19 +300,17 @@ TEST_F(Faults, StoreOperationsFailWhole) {
     std::string const before = Snapshot();
     {
       WriteFault fault(0);
-      EXPECT_FALSE(c.second()) << c.first;
       Entry again;  // reading goes on while writing fails
+      EXPECT_FALSE(c.second()) << c.first;
       EXPECT_TRUE(entries.GetByHash(hash_, again)) << c.first;
     }
     ExpectUntouched(before, c.first);
   }
-  // Each of them works once the device does (the deletions last).
   for (auto& c : calls) EXPECT_TRUE(c.second()) << c.first << " after the fault";
 }
 
 TEST_F(Faults, LoginInterruptedAtEveryWriteLeavesOnlyWholeRows) {
-  int uses = UseCount(hash_);
-  int code = 0, k = 0;
+  int uses = UseCount(hash_), code = 0, k = 0;
   for (; code != 1 && k < 400; ++k) {
     std::string out;
     {
@@ -385,43 +318,34 @@ TEST_F(Faults, LoginInterruptedAtEveryWriteLeavesOnlyWholeRows) {
       code = Login(out, hash_.c_str());
     }
     ASSERT_TRUE(code == 1 || code == -4) << "write " << k << ": " << code;
-    ASSERT_EQ(euid_, geteuid());
-    ASSERT_EQ(egid_, getegid());
-    ASSERT_EQ("ok", Integrity()) << "write " << k;
-    // Every stored row is complete: sessions with a full id and address, tokens that join a
-    // stored session to the link; the use count moved at most once per login.
-    long const now = time(nullptr);
-    EXPECT_EQ(0, Number("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32 OR "
-                        "ip != '" +
-                        std::string(kAddr) + "' OR timeout < " + std::to_string(now + kDay - 60)))
+    ASSERT_EQ(ids_ + " ok", kovatest::Ids() + " " + Integrity()) << "write " << k;
+    // Sessions with a full id and address, tokens that join a stored session to the link; the
+    // use count moved at most once per login.
+    std::string const fresh = std::to_string(time(nullptr) + kDay - 60);
+    EXPECT_EQ(0,
+              Number("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32 OR ip != '" +
+                     std::string(kAddr) + "' OR timeout < " + fresh))
         << "write " << k;
-    EXPECT_EQ(0, Number("SELECT COUNT(*) AS v FROM token WHERE timeout < " +
-                        std::to_string(now + kDay - 60) +
+    EXPECT_EQ(0, Number("SELECT COUNT(*) AS v FROM token WHERE timeout < " + fresh +
                         " OR session_id NOT IN (SELECT id FROM session) OR entry_id != " +
                         std::to_string(Load(hash_).get_id())))
         << "write " << k;
     int const now_uses = UseCount(hash_);
     EXPECT_TRUE(now_uses == uses || now_uses == uses + 1) << "write " << k;
     uses = now_uses;
-    if (code == 1) {
-      EXPECT_EQ(out, SessionField(out, "session_id"));
-    }
   }
   EXPECT_EQ(1, code) << "the login succeeds once enough writes do";
   EXPECT_GT(k, 3) << "a login writes more than a few times";
-  // A fresh process sees the same intact database.
-  EXPECT_EQ(Value(kSummary), Report("read", {}));
+  EXPECT_EQ(Value(kSummary), Report("read")) << "a fresh process sees the same database";
 }
 
 TEST_F(Faults, FreshProcessThatCannotOpenOrExamineTheDatabase) {
-  // Without a fault the same child gets through every call (the logout last).
-  ASSERT_EQ("good=1 login=1 check=1 logout=1 count=1 euid=0 egid=0", Report("open:no-such", {}));
+  ASSERT_EQ("good=1 login=1 check=1 logout=1 count=1 euid=0 egid=0", Report("open:no-such"));
   std::string const before = Snapshot();
   for (std::string const mode :
        {"open:sharing.db", "open:sharing.db-wal", "open:sharing.db-shm", "fstat"}) {
-    EXPECT_EQ("good=0 login=-4 check=-4 logout=0 count=0 euid=0 egid=0", Report(mode, {})) << mode;
-    EXPECT_EQ("ok", Integrity()) << mode;
-    EXPECT_EQ(before, Snapshot()) << mode;
+    EXPECT_EQ("good=0 login=-4 check=-4 logout=0 count=0 euid=0 egid=0", Report(mode)) << mode;
+    ExpectUntouched(before, mode);
   }
 }
 
@@ -435,46 +359,42 @@ TEST_F(Faults, WriteLockHeldLongerThanTheBusyTimeout) {
       int code = 0;
       double const took = Seconds([&] { code = c.call(); });
       EXPECT_EQ(c.failure, code) << c.name;
-      EXPECT_GE(took, 4.5) << c.name << ": gave up before the busy timeout";
-      EXPECT_LT(took, 20.0) << c.name;
+      EXPECT_TRUE(took >= 4.5 && took < 20.0) << c.name << ": gave up after " << took << " s";
       ExpectUntouched(before, c.name);
     }
   }
-  // A lock released after 7 s: the use count gives up after 5 s (logged, not a failure); the
-  // token and session are written once the lock is free.
-  LockHolder holder(7000);
+  // A lock released once the use count has given up (logged, not a failure): the token and
+  // session are written when the lock is free.
+  LockHolder holder(60000);
   ASSERT_TRUE(holder.locked);
   int const uses = UseCount(hash_);
   kovatest::ClearLogs();
-  int code = 0;
+  std::thread release([&holder] {
+    for (int i = 0; i < 3000 && kovatest::LogCount("update entry use count fail") == 0; ++i) {
+      usleep(10000);
+    }
+    holder.Wait();  // the lock goes with the holder
+  });
   std::string out;
-  double const took =
-      Seconds([&] { code = Login(out, hash_.c_str(), nullptr, nullptr, nullptr, sid_.c_str()); });
+  int const code = Login(out, hash_.c_str(), nullptr, nullptr, nullptr, sid_.c_str());
+  release.join();
   EXPECT_EQ(1, code);
-  EXPECT_GE(took, 6.0);
   EXPECT_EQ(uses, UseCount(hash_));
   EXPECT_EQ(1, kovatest::LogCount("update entry use count fail"));
   ExpectOneDayAhead(std::stol(SessionField(sid_, "timeout")));
-  EXPECT_EQ(0, holder.Wait());
-  EXPECT_EQ(Value(kSummary), Report("read", {}));
 }
 
 TEST_F(Faults, CgiWithoutStandardDescriptorsWritesNothingIntoTheDatabase) {
-  int const uses = UseCount(hash_);
-  int const sessions = Rows("session");
-  std::string const report = Report("cgi", {"KOVA_FAULT_SID="}, [] {
-    for (int fd = 0; fd <= 2; ++fd) close(fd);
-  });
-  EXPECT_EQ(0u, report.find("closed=111 login=1 sid=")) << report;
-  EXPECT_NE(std::string::npos, report.find(" check=1 euid=0 egid=0")) << report;
+  int const uses = UseCount(hash_), sessions = Rows("session");
+  EXPECT_EQ("closed closed closed login=1 check=1 euid=0 egid=0",
+            Report("cgi", {"KOVA_FAULT_SID="}, [] {
+              for (int fd = 0; fd <= 2; ++fd) close(fd);
+            }));
   EXPECT_EQ("ok", Integrity());
   EXPECT_EQ(uses + 1, UseCount(hash_));
   EXPECT_EQ(sessions + 1, Rows("session"));
   for (char const* file : {"", "-wal"}) {
     std::string const data = kovatest::ReadFile(KOVA_SHARING_DB_FILE + std::string(file));
     EXPECT_EQ(std::string::npos, data.find("JJJJJJJJ")) << file;
-    if (*file == '\0') {
-      EXPECT_EQ(0u, data.find(std::string("SQLite format 3\0", 16)));
-    }
   }
 }
