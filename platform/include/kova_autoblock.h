@@ -18,18 +18,18 @@ extern "C" {
 
 /* 1 when `ip` is denied, 0 otherwise. An IPv6 address is judged by its /64 prefix. When the
  * store cannot be read the address is let through (and the fault logged): a broken counter
- * must not lock every visitor out.
- *
- * One attempt per address at a time: the check first takes the address's attempt lock,
- * waiting while another process holds it (an address whose attempt does not finish within
- * KOVA_AUTOBLOCK_WAIT_SECONDS is denied), and this process keeps it until
- * KovaCgiAttemptDone, a check of another address, or its end. A caller that checks, judges
- * the credentials and counts a failure before KovaCgiAttemptDone therefore sees every earlier
- * failure of that address counted: parallel guesses cannot pass the limit. Checks of the
- * same address nest: each needs its own KovaCgiAttemptDone. */
+ * must not lock every visitor out. */
 KOVA_PLATFORM_EXPORT int KovaCgiIsDeniedIP(const char* ip);
 
-/* Ends the attempt begun by the latest KovaCgiIsDeniedIP of this process. */
+/* One attempt per address at a time, across processes. KovaCgiAttemptBegin takes the
+ * address's attempt lock, waiting while another process holds it, and returns 1 (this process
+ * holds it until KovaCgiAttemptDone); 0 when it is not free within
+ * KOVA_AUTOBLOCK_WAIT_SECONDS (treat the address as denied: under a flood of parallel guesses
+ * the queue is the sign; no KovaCgiAttemptDone follows); -1 when `ip` is not an address. A
+ * login that checks the address, judges the credentials and counts a failure inside one
+ * attempt sees every earlier failure of that address counted, so parallel guesses cannot pass
+ * the limit. Attempts of the same address nest: each 1 needs its own KovaCgiAttemptDone. */
+KOVA_PLATFORM_EXPORT int KovaCgiAttemptBegin(const char* ip);
 KOVA_PLATFORM_EXPORT void KovaCgiAttemptDone(void);
 
 /* Counts one failed login of `ip` at the service `service` (e.g. "SHARING"). 0 on success, -1

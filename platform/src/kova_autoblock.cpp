@@ -291,9 +291,6 @@ extern "C" {
 int KovaCgiIsDeniedIP(const char* ip) {
   std::string const key = AddressKey(ip);
   if (key.empty()) return 0;
-  // An address whose earlier attempt does not finish in time is denied: under a flood of
-  // parallel guesses the queue itself is the sign.
-  if (!g_attempt.Hold(key)) return 1;
   bool const have_dir = MakeDirectory();
   SystemIdentity as_system;
   sqlite3* db = have_dir ? g_store.Acquire() : nullptr;
@@ -347,6 +344,12 @@ int KOVAAutoBlockFailLoginReset(const char* ip) {
       Run(db, "DELETE FROM fail_login WHERE addr = ?1 AND service = ?2", texts, 2, 0, nullptr);
   if (!ok) g_store.Drop();
   return ok ? 0 : -1;
+}
+
+int KovaCgiAttemptBegin(const char* ip) {
+  std::string const key = AddressKey(ip);
+  if (key.empty()) return -1;
+  return g_attempt.Hold(key) ? 1 : 0;
 }
 
 void KovaCgiAttemptDone(void) { g_attempt.Done(); }

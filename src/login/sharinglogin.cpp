@@ -235,12 +235,17 @@ int Login(std::string& session_id, _tag_sharing_login_params const* params, bool
   char address[kAddressSize];
   memset(address, 0, sizeof address);
   if (KovaCgiGetRemoteIP(address, sizeof address) < 0) return -4;
-  // The check starts the address's attempt, which ends when the login returns: a failure is
-  // counted before the next attempt from the same address is judged.
+  // The address's attempt lasts until the login returns: a failure is counted before the
+  // next attempt from the same address is judged. An address whose earlier attempts keep it
+  // waiting too long is refused as blocked.
+  int const attempt = KovaCgiAttemptBegin(address);
   struct AttemptEnd {
-    ~AttemptEnd() { KovaCgiAttemptDone(); }
-  } const attempt_end;
-  if (KovaCgiIsDeniedIP(address) == 1) {
+    bool held;
+    ~AttemptEnd() {
+      if (held) KovaCgiAttemptDone();
+    }
+  } const attempt_end{attempt == 1};
+  if (attempt == 0 || KovaCgiIsDeniedIP(address) == 1) {
     syslog(LOG_ERR, "%s:%d KovaAutoBlockIsDeniedIP %s", kSource, __LINE__, address);
     return -8;
   }

@@ -368,11 +368,16 @@ Reply Gate::HandleLogin() {
   // earlier session id is passed on: the login starts a new session.
   _tag_sharing_login_params const params = {hash_.c_str(), password.c_str(), or_null(username),
                                             or_null(user_password), nullptr};
-  // The address's attempt lasts until the gate has counted what the login does not count.
-  KovaCgiIsDeniedIP(address_.c_str());
-  struct AttemptEnd {
-    ~AttemptEnd() { KovaCgiAttemptDone(); }
-  } const attempt_end;
+  // The address's attempt lasts until the gate has counted what the login does not count
+  // (the login's own attempt nests inside it).
+  int const begun = KovaCgiAttemptBegin(address_.c_str());
+  struct Attempt {
+    bool held;
+    ~Attempt() {
+      if (held) KovaCgiAttemptDone();
+    }
+  } const attempt{begun == 1};
+  if (begun == 0) return Blocked();  // earlier attempts from the address keep it waiting
   std::string session_id;
   // An oversized hash is no link; it gets the answer of an unknown one without a look-up.
   int const code = hash_.size() > kMaxHash ? -3 : KOVA::KovaSharingLogin(session_id, &params, true);
