@@ -76,8 +76,8 @@ char const kSummary[] =
 // What a child does, by KOVA_FAULT_CHILD: "open:<suffix>" or "fstat" starts with that fault and
 // calls every visitor function; "cgi" starts without descriptors 0 to 2, logs in, writes junk to
 // 1 and 2 and checks; "read" reports kSummary as a fresh process sees it; "hold" takes the write
-// lock, says so on KOVA_FAULT_READY_FD and keeps it KOVA_FAULT_HOLD_MS. The report goes into the
-// file KOVA_FAULT_REPORT.
+// lock, says so on KOVA_FAULT_READY_FD and keeps it until killed. The report goes into the file
+// KOVA_FAULT_REPORT.
 int RunChild(std::string const& mode) {
   if (mode == "hold") {
     sqlite3* db = nullptr;
@@ -87,8 +87,7 @@ int RunChild(std::string const& mode) {
         write(atoi(Env("KOVA_FAULT_READY_FD").c_str()), "L", 1) != 1) {
       return 10;
     }
-    usleep(static_cast<useconds_t>(atoi(Env("KOVA_FAULT_HOLD_MS").c_str())) * 1000);
-    return 0;
+    for (;;) pause();
   }
   std::string report, out;
   std::string const hash = Env("KOVA_FAULT_HASH"), sid = Env("KOVA_FAULT_SID");
@@ -149,27 +148,24 @@ int Wait(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// A process that holds the database's write lock for `hold_ms` or until it is killed.
-class LockHolder {
- public:
-  explicit LockHolder(int hold_ms) {
+// A process that holds the database's write lock until it ends (the kernel then drops its
+// locks, as for any process that dies).
+struct LockHolder {
+  LockHolder() {
     int ready[2];
     if (pipe(ready) != 0) abort();
-    pid_ = StartChild("hold", {"KOVA_FAULT_READY_FD=" + std::to_string(ready[1]),
-                               "KOVA_FAULT_HOLD_MS=" + std::to_string(hold_ms)});
+    pid = StartChild("hold", {"KOVA_FAULT_READY_FD=" + std::to_string(ready[1])});
     close(ready[1]);
     char c = 0;
     locked = read(ready[0], &c, 1) == 1 && c == 'L';
     close(ready[0]);
   }
-  ~LockHolder() { Wait(); }
-  void Wait() {  // ends the holder
-    if (pid_ > 0) kill(pid_, SIGKILL), ::Wait(std::exchange(pid_, -1));
+  ~LockHolder() { End(); }
+  void End() {
+    if (pid > 0) kill(pid, SIGKILL), Wait(std::exchange(pid, -1));
   }
+  pid_t pid = -1;
   bool locked = false;
-
- private:
-  pid_t pid_ = -1;
 };
 
 double Seconds(std::function<void()> const& work) {
@@ -351,7 +347,7 @@ TEST_F(Faults, FreshProcessThatCannotOpenOrExamineTheDatabase) {
 
 TEST_F(Faults, WriteLockHeldLongerThanTheBusyTimeout) {
   {
-    LockHolder holder(60000);
+    LockHolder holder;
     ASSERT_TRUE(holder.locked);
     for (auto const& c : VisitorCalls()) {
       if (std::string(c.name).find("login") != std::string::npos) continue;  // below
@@ -365,7 +361,7 @@ TEST_F(Faults, WriteLockHeldLongerThanTheBusyTimeout) {
   }
   // A lock released once the use count has given up (logged, not a failure): the token and
   // session are written when the lock is free.
-  LockHolder holder(60000);
+  LockHolder holder;
   ASSERT_TRUE(holder.locked);
   int const uses = UseCount(hash_);
   kovatest::ClearLogs();
@@ -373,7 +369,7 @@ TEST_F(Faults, WriteLockHeldLongerThanTheBusyTimeout) {
     for (int i = 0; i < 3000 && kovatest::LogCount("update entry use count fail") == 0; ++i) {
       usleep(10000);
     }
-    holder.Wait();  // the lock goes with the holder
+    holder.End();
   });
   std::string out;
   int const code = Login(out, hash_.c_str(), nullptr, nullptr, nullptr, sid_.c_str());
