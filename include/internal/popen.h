@@ -3,6 +3,7 @@
 #ifndef KOVASHARING_INTERNAL_POPEN_H
 #define KOVASHARING_INTERNAL_POPEN_H
 
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,8 +21,7 @@ struct Popen {
       : file(KLIBCPopenv(program, mode, argv)) {
     if (file == nullptr) {
       // The line number is part of the message that the appliance's log readers know.
-      syslog(LOG_ERR, "%s:%d (%u) KLIBCPopenv failed.\n", "include/internal/popen", 24,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID("include/internal/popen", 24, "KLIBCPopenv failed.\n");
     }
   }
   ~Popen() { close(); }

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <kova_log.h>
 #include <netinet/in.h>
 #include <sqlite3.h>
 #include <string.h>
@@ -69,16 +70,15 @@ bool MakeDirectory() {
 // The writers need the store's directory; a failure to make it is logged once per call.
 bool DirectoryReady() {
   if (MakeDirectory()) return true;
-  syslog(LOG_ERR, "%s:%d (%u) cannot make the directory of %s, err=%m", kSource, __LINE__,
-         (unsigned)getpid(), KOVA_AUTOBLOCK_DB_FILE);
+  KOVA_LOG_PID(kSource, __LINE__, "cannot make the directory of %s, err=%m",
+               KOVA_AUTOBLOCK_DB_FILE);
   return false;
 }
 
 bool Exec(sqlite3* db, char const* sql) {
   char* error = nullptr;
   if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d (%u) %s failed: %s", kSource, __LINE__, (unsigned)getpid(), sql,
-           error ? error : "");
+    KOVA_LOG_PID(kSource, __LINE__, "%s failed: %s", sql, error ? error : "");
     sqlite3_free(error);
     return false;
   }
@@ -94,15 +94,13 @@ sqlite3* Open() {
   if (lstat(path, &st) != 0) {
     int const fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
     if (fd < 0) {
-      syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
-             path);
+      KOVA_LOG_PID(kSource, __LINE__, "cannot open %s, err=%m", path);
       return nullptr;
     }
     // The umask must not narrow the mode; SQLite gives its -wal and -shm files the same.
     if (fstat(fd, &st) == 0 && st.st_size == 0 && (st.st_mode & 0777) != 0660) {
       if (fchmod(fd, 0660) != 0) {
-        syslog(LOG_ERR, "%s:%d (%u) chmod %s failed, err=%m", kSource, __LINE__, (unsigned)getpid(),
-               path);
+        KOVA_LOG_PID(kSource, __LINE__, "chmod %s failed, err=%m", path);
       }
     }
     close(fd);
@@ -110,8 +108,8 @@ sqlite3* Open() {
   sqlite3* db = nullptr;
   if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW, nullptr) !=
       SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d (%u) sqlite3_open %s failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           path, db ? sqlite3_errmsg(db) : "no memory");
+    KOVA_LOG_PID(kSource, __LINE__, "sqlite3_open %s failed: %s", path,
+                 db ? sqlite3_errmsg(db) : "no memory");
     sqlite3_close(db);
     return nullptr;
   }
@@ -196,8 +194,7 @@ class AttemptLock {
       if (fcntl(fd_, F_OFD_SETLK, &lock) == 0) break;
       if ((errno != EAGAIN && errno != EACCES) ||
           waited >= KOVA_AUTOBLOCK_WAIT_SECONDS * 1000000L) {
-        syslog(LOG_ERR, "%s:%d (%u) attempt lock of %s not taken, err=%m", kSource, __LINE__,
-               (unsigned)getpid(), key.c_str());
+        KOVA_LOG_PID(kSource, __LINE__, "attempt lock of %s not taken, err=%m", key.c_str());
         return false;
       }
       usleep(pause);
@@ -227,8 +224,7 @@ class AttemptLock {
     std::string const path = std::string(KOVA_AUTOBLOCK_DB_FILE) + ".lock";
     fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0660);
     if (fd_ < 0) {
-      syslog(LOG_ERR, "%s:%d (%u) cannot open %s, err=%m", kSource, __LINE__, (unsigned)getpid(),
-             path.c_str());
+      KOVA_LOG_PID(kSource, __LINE__, "cannot open %s, err=%m", path.c_str());
       return false;
     }
     pid_ = getpid();
@@ -263,8 +259,7 @@ bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
          sqlite3_int64 number, long long* count) {
   sqlite3_stmt* stmt = nullptr;
   if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d (%u) prepare failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           sqlite3_errmsg(db));
+    KOVA_LOG_PID(kSource, __LINE__, "prepare failed: %s", sqlite3_errmsg(db));
     return false;
   }
   int index = 1;
@@ -277,8 +272,7 @@ bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
   bool ok = rc == SQLITE_DONE || rc == SQLITE_ROW;
   if (ok && count != nullptr) *count = rc == SQLITE_ROW ? sqlite3_column_int64(stmt, 0) : 0;
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d (%u) statement failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           sqlite3_errmsg(db));
+    KOVA_LOG_PID(kSource, __LINE__, "statement failed: %s", sqlite3_errmsg(db));
   }
   sqlite3_finalize(stmt);
   return ok;
@@ -295,8 +289,7 @@ int KovaCgiIsDeniedIP(const char* ip) {
   SystemIdentity as_system;
   sqlite3* db = have_dir ? g_store.Acquire() : nullptr;
   if (db == nullptr) {
-    syslog(LOG_ERR, "%s:%d (%u) failed-login store unavailable, %s let through", kSource, __LINE__,
-           (unsigned)getpid(), key.c_str());
+    KOVA_LOG_PID(kSource, __LINE__, "failed-login store unavailable, %s let through", key.c_str());
     return 0;
   }
   long long count = 0;
@@ -305,8 +298,7 @@ int KovaCgiIsDeniedIP(const char* ip) {
           static_cast<sqlite3_int64>(time(nullptr)) - KOVA_AUTOBLOCK_WINDOW_SECONDS, &count);
   if (!ok) g_store.Drop();
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d (%u) failed-login store unreadable, %s let through", kSource, __LINE__,
-           (unsigned)getpid(), key.c_str());
+    KOVA_LOG_PID(kSource, __LINE__, "failed-login store unreadable, %s let through", key.c_str());
     return 0;
   }
   return count >= KOVA_AUTOBLOCK_MAX_FAILURES ? 1 : 0;
@@ -369,8 +361,7 @@ int AutoBlockList(KovaAutoBlockVisit visit, void* data) {
       " FROM fail_login WHERE time > ?1 GROUP BY addr ORDER BY addr";
   sqlite3_stmt* stmt = nullptr;
   if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-    syslog(LOG_ERR, "%s:%d (%u) prepare failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           sqlite3_errmsg(db));
+    KOVA_LOG_PID(kSource, __LINE__, "prepare failed: %s", sqlite3_errmsg(db));
     g_store.Drop();
     return -1;
   }
@@ -389,8 +380,7 @@ int AutoBlockList(KovaAutoBlockVisit visit, void* data) {
   }
   bool const ok = rc == SQLITE_DONE;
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d (%u) statement failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           sqlite3_errmsg(db));
+    KOVA_LOG_PID(kSource, __LINE__, "statement failed: %s", sqlite3_errmsg(db));
   }
   sqlite3_finalize(stmt);
   if (!ok) g_store.Drop();

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <kova_log.h>
 #include <netinet/in.h>
 #include <security/pam_appl.h>
 #include <stdlib.h>
@@ -133,11 +134,10 @@ int LoadBody(std::string const*& body) {
     if (text == nullptr || *text == '\0') {
       length = 0;
     } else if (!ParseLength(text, length)) {
-      syslog(LOG_ERR, "%s:%d (%u) invalid CONTENT_LENGTH", kSource, __LINE__, (unsigned)getpid());
+      KOVA_LOG_PID(kSource, __LINE__, "invalid CONTENT_LENGTH");
       cache.refused = true;
     } else if (length > KOVA_CGI_MAX_BODY) {
-      syslog(LOG_ERR, "%s:%d (%u) request body of %zu bytes refused", kSource, __LINE__,
-             (unsigned)getpid(), length);
+      KOVA_LOG_PID(kSource, __LINE__, "request body of %zu bytes refused", length);
       cache.refused = true;
     }
     if (!cache.refused && length > 0) {
@@ -150,8 +150,7 @@ int LoadBody(std::string const*& body) {
         got += static_cast<size_t>(n);
       }
       if (got < length) {
-        syslog(LOG_ERR, "%s:%d (%u) truncated request body: %zu of %zu bytes", kSource, __LINE__,
-               (unsigned)getpid(), got, length);
+        KOVA_LOG_PID(kSource, __LINE__, "truncated request body: %zu of %zu bytes", got, length);
         cache.refused = true;
         cache.body.clear();
       }
@@ -420,8 +419,7 @@ int KovaCgiLogin(KOVA_CGI_HANDLE handle, char* reply, size_t size,
   pam_handle_t* pamh = nullptr;
   int rc = pam_start(kPamService, request->username, &conv, &pamh);
   if (rc != PAM_SUCCESS) {
-    syslog(LOG_ERR, "%s:%d (%u) pam_start failed: %s", kSource, __LINE__, (unsigned)getpid(),
-           pam_strerror(pamh, rc));
+    KOVA_LOG_PID(kSource, __LINE__, "pam_start failed: %s", pam_strerror(pamh, rc));
     if (pamh != nullptr) pam_end(pamh, rc);
     return 0;
   }
@@ -433,13 +431,11 @@ int KovaCgiLogin(KOVA_CGI_HANDLE handle, char* reply, size_t size,
   int const pam_flags = (request->flags & KOVA_CGI_LOGIN_QUIET) ? PAM_SILENT : 0;
   rc = pam_authenticate(pamh, pam_flags | PAM_DISALLOW_NULL_AUTHTOK);
   if (rc != PAM_SUCCESS) {
-    syslog(LOG_ERR, "%s:%d (%u) authentication refused: %s", kSource, __LINE__, (unsigned)getpid(),
-           pam_strerror(pamh, rc));
+    KOVA_LOG_PID(kSource, __LINE__, "authentication refused: %s", pam_strerror(pamh, rc));
   } else {
     rc = pam_acct_mgmt(pamh, pam_flags | PAM_DISALLOW_NULL_AUTHTOK);
     if (rc != PAM_SUCCESS) {
-      syslog(LOG_ERR, "%s:%d (%u) account refused: %s", kSource, __LINE__, (unsigned)getpid(),
-             pam_strerror(pamh, rc));
+      KOVA_LOG_PID(kSource, __LINE__, "account refused: %s", pam_strerror(pamh, rc));
     }
   }
   if (rc == PAM_SUCCESS && reply != nullptr && size > 0) {

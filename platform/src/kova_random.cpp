@@ -1,5 +1,6 @@
 #include "kova_random.h"
 
+#include <kova_log.h>
 #include <sys/random.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -127,8 +128,7 @@ bool KOVARandom::bytes(void* buf, std::size_t n) {
     ssize_t const r = getrandom(p + got, n - got, 0);
     if (r < 0) {
       if (errno == EINTR) continue;
-      syslog(LOG_ERR, "%s:%d (%u) getrandom failed, err=%m\n", "kova_random", __LINE__,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID("kova_random", __LINE__, "getrandom failed, err=%m\n");
       return false;
     }
     got += static_cast<std::size_t>(r);

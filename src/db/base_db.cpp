@@ -1,6 +1,7 @@
 #include "kovasharing/base_db.h"
 
 #include <grp.h>
+#include <kova_log.h>
 #include <pwd.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -42,20 +43,17 @@ BaseDBPrivate::BaseDBPrivate(std::string const& path, unsigned int mode)
   if (!KLIBCFileExist(path_.c_str())) {
     IF_RUN_AS(1, 1);
     if (!run_as_scope.IsSwitched()) {
-      syslog(LOG_ERR, "%s:%d (%u) failed to run as system\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       good_ = false;
       return;
     }
     if (KLIBCFileTouch(path_.c_str()) == -1) {
-      syslog(LOG_ERR, "%s:%d (%u) create database failed on %s\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()), path_.c_str());
+      KOVA_LOG_PID(kSource, __LINE__, "create database failed on %s\n\n", path_.c_str());
       good_ = false;
       return;
     }
     if (KOVAFSAclChmod(path_.c_str(), -1, mode) == -1) {
-      syslog(LOG_ERR, "%s:%d (%u) change mode failed on %s\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()), path_.c_str());
+      KOVA_LOG_PID(kSource, __LINE__, "change mode failed on %s\n\n", path_.c_str());
       good_ = false;
       return;
     }
@@ -63,22 +61,19 @@ BaseDBPrivate::BaseDBPrivate(std::string const& path, unsigned int mode)
   {
     IF_RUN_AS(1, 1);
     if (!run_as_scope.IsSwitched()) {
-      syslog(LOG_ERR, "%s:%d (%u) failed to run as system\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       good_ = false;
       return;
     }
     db_ = KOVADBConnect("", "", "", path_.c_str());
   }
   if (db_ == nullptr) {
-    syslog(LOG_ERR, "%s:%d (%u) db connect failed\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "db connect failed\n\n");
     good_ = false;
     return;
   }
   if (!Init()) {
-    syslog(LOG_ERR, "%s:%d (%u) init failed\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "init failed\n\n");
     good_ = false;
   }
 }
@@ -114,13 +109,12 @@ bool BaseDBPrivate::IsRoot() const {
 bool BaseDBPrivate::MoveRootDB() const {
   IF_RUN_AS(0, 0);
   if (!run_as_scope.IsSwitched()) {
-    syslog(LOG_ERR, "%s:%d Permssion denied. uid=%u", kSource, __LINE__,
-           static_cast<unsigned>(getuid()));
+    KOVA_LOG(kSource, __LINE__, "Permssion denied. uid=%u", static_cast<unsigned>(getuid()));
     return false;
   }
   FILE* fp = KLIBCPopen("/bin/mv", "r", path_.c_str(), "/tmp/", static_cast<char const*>(nullptr));
   if (fp == nullptr) {
-    syslog(LOG_ERR, "%s:%d KLIBCPopen failed, path=%s", kSource, __LINE__, path_.c_str());
+    KOVA_LOG(kSource, __LINE__, "KLIBCPopen failed, path=%s", path_.c_str());
     return false;
   }
   // A non-zero close value counts as moved; callers do not rely on the answer.
@@ -131,14 +125,12 @@ bool BaseDBPrivate::Execute(std::string const& sql, Result* result) {
   DBResult_tag* handle = nullptr;
   bool ok = false;
   if (!IsGood()) {
-    syslog(LOG_ERR, "%s:%d (%u) db is not good.\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "db is not good.\n\n");
   } else {
     last_query_ = sql;
     IF_RUN_AS(1, 1);
     if (!run_as_scope.IsSwitched()) {
-      syslog(LOG_ERR, "%s:%d (%u) failed to run as system\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
     } else if (KOVADBExecute(db_, sql.c_str(), &handle) == -1) {
       char const* error = KOVADBErrorGet(db_);
       last_error_ = error != nullptr ? error : "";
@@ -192,8 +184,7 @@ std::string BaseDBPrivate::Escape(std::string const& text) const {
     buffer = heap_buffer.data();
   }
   if (KOVADBEscapeStringEX2(0, buffer, capacity, text.data(), text.size()) == -1) {
-    syslog(LOG_ERR, "%s:%d (%u) escape failed\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "escape failed\n\n");
     return std::string();
   }
   return std::string(buffer);

@@ -1,5 +1,6 @@
 #include "kovasharing/object_db.h"
 
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -24,12 +25,11 @@ ObjectDB::~ObjectDB() {
 
 bool ObjectDB::Create(record::Object& obj) {
   if (!obj.IsLegal()) {
-    syslog(LOG_ERR, "%s:%d (%u) obj invalid\n", kSource, __LINE__, static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "obj invalid\n");
     return false;
   }
   if (!db_.Insert(table_, obj.GetFieldList())) {
-    syslog(LOG_ERR, "%s:%d (%u) insert failed\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "insert failed\n");
     return false;
   }
   int id = 0;
@@ -42,13 +42,12 @@ bool ObjectDB::Create(record::Object& obj) {
 
 bool ObjectDB::Update(record::Object const& obj) {
   if (!obj.IsLegal()) {
-    syslog(LOG_ERR, "%s:%d (%u) obj invalid\n", kSource, __LINE__, static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "obj invalid\n");
     return false;
   }
   bool const ok = db_.Update(table_, obj.GetFieldMap(), obj.get_id());
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d (%u) update failed\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "update failed\n");
   }
   return ok;
 }
@@ -56,8 +55,7 @@ bool ObjectDB::Update(record::Object const& obj) {
 bool ObjectDB::Delete(int id) {
   bool const ok = db_.Delete(table_, id);
   if (!ok) {
-    syslog(LOG_ERR, "%s:%d (%u) delete failed\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "delete failed\n");
   }
   return ok;
 }

@@ -1,5 +1,6 @@
 #include "kovasharing/sharing_db.h"
 
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -35,14 +36,13 @@ SharingDBPrivate::~SharingDBPrivate() {}
 bool SharingDBPrivate::Migration() {
   Result result;
   if (!pdb_->Execute("PRAGMA user_version", result)) {
-    syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()), "!pdb_->Execute(\"PRAGMA user_version\", result)");
+    KOVA_LOG_PID(kSource, __LINE__, "Failed [%s], err=%m\n\n",
+                 "!pdb_->Execute(\"PRAGMA user_version\", result)");
     return false;
   }
   Row row;
   if (!result.NextRow(row) || !row.IsGood()) {
-    syslog(LOG_ERR, "%s:%d (%u) user_version is not correct\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID(kSource, __LINE__, "user_version is not correct\n\n");
     return false;
   }
   int const current = row.GetField("user_version").AsInt(0);
@@ -52,8 +52,7 @@ bool SharingDBPrivate::Migration() {
   }
   for (int version = current + 1; version <= kNewestVersion; ++version) {
     if (!MigrateTo(version)) {
-      syslog(LOG_ERR, "%s:%d (%u) cannot migrate from %d to %d\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()), version - 1, version);
+      KOVA_LOG_PID(kSource, __LINE__, "cannot migrate from %d to %d\n\n", version - 1, version);
       return false;
     }
   }
@@ -67,8 +66,7 @@ bool SharingDBPrivate::MigrateTo(int version) {
   {
     IF_RUN_AS(1, 1);
     if (!run_as_scope.IsSwitched()) {
-      syslog(LOG_ERR, "%s:%d (%u) failed to run as system\n\n", kSource, __LINE__,
-             static_cast<unsigned>(getpid()));
+      KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       return false;
     }
     errno = 0;
@@ -77,16 +75,15 @@ bool SharingDBPrivate::MigrateTo(int version) {
   }
   if (!in.is_open()) {
     errno = open_errno;
-    syslog(LOG_ERR, "%s:%d (%u) file %s open failed %m.\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()), file.c_str());
+    KOVA_LOG_PID(kSource, __LINE__, "file %s open failed %m.\n\n", file.c_str());
     return false;
   }
   // Each script brings its own transaction and sets its own user_version.
   std::stringstream sstr;
   sstr << in.rdbuf();
   if (!pdb_->Execute(sstr.str().c_str())) {
-    syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", kSource, __LINE__,
-           static_cast<unsigned>(getpid()), "!pdb_->Execute(sstr.str().c_str())");
+    KOVA_LOG_PID(kSource, __LINE__, "Failed [%s], err=%m\n\n",
+                 "!pdb_->Execute(sstr.str().c_str())");
     return false;
   }
   in.close();

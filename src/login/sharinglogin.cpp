@@ -4,6 +4,7 @@
 // is counted only where a visitor guessed a password or an account.
 #include "kovasharing/sharinglogin.h"
 
+#include <kova_log.h>
 #include <string.h>
 #include <syslog.h>
 #include <time.h>
@@ -246,7 +247,7 @@ int Login(std::string& session_id, _tag_sharing_login_params const* params, bool
     }
   } const attempt_end{attempt == 1};
   if (attempt == 0 || KovaCgiIsDeniedIP(address) == 1) {
-    syslog(LOG_ERR, "%s:%d KovaAutoBlockIsDeniedIP %s", kSource, __LINE__, address);
+    KOVA_LOG(kSource, __LINE__, "KovaAutoBlockIsDeniedIP %s", address);
     return -8;
   }
 
@@ -269,7 +270,7 @@ int Login(std::string& session_id, _tag_sharing_login_params const* params, bool
     if (counted != Counted::kChanged) {
       // The use could not be stored: the login goes on, unless the link has a use limit,
       // which an uncounted use could pass.
-      syslog(LOG_ERR, "%s:%d update entry use count fail", kSource, __LINE__);
+      KOVA_LOG(kSource, __LINE__, "update entry use count fail");
       if (entry.get_expire_times() > 0) return -4;
       break;
     }
@@ -301,10 +302,10 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
   Entry entry;
 
   if (!sdb.IsGood()) {
-    syslog(LOG_ERR, "%s:%d db is not good", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "db is not good");
     if (!sdb.IsRoot()) return -4;
     // A database file left to root locks every visitor out; it is moved aside.
-    syslog(LOG_ERR, "%s:%d db ownner is root", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "db ownner is root");
     sdb.MoveRootDB();
   }
   if (params == nullptr || params->session_id == nullptr || params->hash == nullptr) return -4;
@@ -312,7 +313,7 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
   char address[kAddressSize];
   memset(address, 0, sizeof address);
   if (KovaCgiGetRemoteIP(address, sizeof address) < 0) {
-    syslog(LOG_ERR, "%s:%d invalid ip", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "invalid ip");
     return -4;
   }
 
@@ -325,19 +326,19 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
   if (found != Lookup::kFound) return found == Lookup::kFailed ? -4 : -7;
 
   if (!entry.IsValid()) {
-    syslog(LOG_ERR, "%s:%d entry is not valid", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "entry is not valid");
     return -6;
   }
   // Loading already refuses expired rows; these two catch a clock that passed the timeout
   // since.
   if (!session.IsLegal()) {
-    syslog(LOG_ERR, "%s:%d session is not valid", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "session is not valid");
     return -1;
   }
   if (!token.IsLegal()) {
-    syslog(LOG_ERR, "%s:%d token is not valid", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "token is not valid");
     if (!token_db.Delete(token.GetCObject())) {
-      syslog(LOG_ERR, "%s:%d delete token failed", kSource, __LINE__);
+      KOVA_LOG(kSource, __LINE__, "delete token failed");
       return -4;
     }
     return -1;
@@ -346,7 +347,7 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
   if (entry.get_protect_type() == Entry::PROTECT_USER) {
     unsigned int uid = session.get_uid();
     if (CheckAccount(entry, params, uid) != kAccountOk) {
-      syslog(LOG_ERR, "%s:%d user login error", kSource, __LINE__);
+      KOVA_LOG(kSource, __LINE__, "user login error");
       return -2;
     }
   }
@@ -355,7 +356,7 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
     std::string const stored = session.get_ip();
     size_t const length = strlen(address);
     if (stored.size() != length || memcmp(stored.data(), address, length) != 0) {
-      syslog(LOG_ERR, "%s:%d ip not match, %s, %s", kSource, __LINE__, address, stored.c_str());
+      KOVA_LOG(kSource, __LINE__, "ip not match, %s, %s", address, stored.c_str());
       return -8;
     }
   }
@@ -363,12 +364,12 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
   long const timeout = time(nullptr) + kLifetime;
   session.set_timeout(timeout);
   if (!session_db.Update(session.GetCObject())) {
-    syslog(LOG_ERR, "%s:%d update session failed", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "update session failed");
     return -4;
   }
   token.set_timeout(timeout);
   if (!token_db.Update(token.GetCObject())) {
-    syslog(LOG_ERR, "%s:%d update token failed", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "update token failed");
     return -4;
   }
   return 1;
@@ -384,15 +385,15 @@ int Logout(std::string const& hash, std::string const& session_id) {
   Token token;
   if (!sdb.IsGood()) return 0;
   if (!session_db.GetBySessionId(session_id, session)) {
-    syslog(LOG_ERR, "%s:%d get session failed", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "get session failed");
     return 0;
   }
   if (!entry_db.GetByHash(hash, entry)) {
-    syslog(LOG_ERR, "%s:%d get entry failed", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "get entry failed");
     return 0;
   }
   if (!token_db.GetBySessionEntry(session, entry, token)) {
-    syslog(LOG_ERR, "%s:%d get token failed", kSource, __LINE__);
+    KOVA_LOG(kSource, __LINE__, "get token failed");
     return 0;
   }
   return token_db.Delete(token.GetCObject()) ? 1 : 0;
@@ -425,10 +426,9 @@ int Guarded(int failure, char const* function, Call const& call) {
   try {
     return call();
   } catch (std::exception const& e) {
-    syslog(LOG_ERR, "%s:%d (%u) %s failed: %s", kSource, __LINE__, (unsigned)getpid(), function,
-           e.what());
+    KOVA_LOG_PID(kSource, __LINE__, "%s failed: %s", function, e.what());
   } catch (...) {
-    syslog(LOG_ERR, "%s:%d (%u) %s failed", kSource, __LINE__, (unsigned)getpid(), function);
+    KOVA_LOG_PID(kSource, __LINE__, "%s failed", function);
   }
   return failure;
 }

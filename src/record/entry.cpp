@@ -2,6 +2,7 @@
 
 #include <json/reader.h>
 #include <json/writer.h>
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -28,16 +29,6 @@ namespace {
 
 char const kSource[] = "entry";
 char const kJsonTimeFormat[] = "%Y-%m-%d %H:%M:%S";
-
-// A broken rule is logged with its own source text, so the log names the rule exactly.
-#define ENTRY_FAIL_IF(cond)                                                    \
-  do {                                                                         \
-    if (cond) {                                                                \
-      syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", kSource, __LINE__, \
-             static_cast<unsigned>(getpid()), #cond);                          \
-      return false;                                                            \
-    }                                                                          \
-  } while (0)
 
 // One generator for every salt of the process.
 KOVA::RANDOM::KOVARandom& SaltSource() {
@@ -223,16 +214,16 @@ std::map<std::string, std::string> EntryPrivate::GetFieldMap() const {
 // The rules keep their exact spelling: it is the text of the log line.
 // clang-format off
 bool EntryPrivate::IsLegal() const {
-  ENTRY_FAIL_IF(!blValid_);
-  ENTRY_FAIL_IF("" == hash_);
-  ENTRY_FAIL_IF("" == project_name_);
-  ENTRY_FAIL_IF(UID_ERR == owner_uid_);
-  ENTRY_FAIL_IF(! app_.isObject());
-  ENTRY_FAIL_IF(! private_data_.isObject());
-  ENTRY_FAIL_IF(Entry::PROTECT_PASSWORD == protect_type_ && "" == protect_password_);
+  KOVA_FAIL_IF(kSource, __LINE__, !blValid_);
+  KOVA_FAIL_IF(kSource, __LINE__, "" == hash_);
+  KOVA_FAIL_IF(kSource, __LINE__, "" == project_name_);
+  KOVA_FAIL_IF(kSource, __LINE__, UID_ERR == owner_uid_);
+  KOVA_FAIL_IF(kSource, __LINE__, ! app_.isObject());
+  KOVA_FAIL_IF(kSource, __LINE__, ! private_data_.isObject());
+  KOVA_FAIL_IF(kSource, __LINE__, Entry::PROTECT_PASSWORD == protect_type_ && "" == protect_password_);
   // An MD5 digest carries no salt.
-  ENTRY_FAIL_IF(Entry::PROTECT_PASSWORD == protect_type_ && Entry::ENCRYPT_ALGO_DEFAULT == protect_password_algo_ && "" == protect_password_salt_);
-  ENTRY_FAIL_IF(Entry::PROTECT_USER == protect_type_ && (0 == protect_uids_.size() + protect_extra_users_.size() + protect_gids_.size() + protect_extra_groups_.size()));
+  KOVA_FAIL_IF(kSource, __LINE__, Entry::PROTECT_PASSWORD == protect_type_ && Entry::ENCRYPT_ALGO_DEFAULT == protect_password_algo_ && "" == protect_password_salt_);
+  KOVA_FAIL_IF(kSource, __LINE__, Entry::PROTECT_USER == protect_type_ && (0 == protect_uids_.size() + protect_extra_users_.size() + protect_gids_.size() + protect_extra_groups_.size()));
   return true;
 }
 
@@ -240,11 +231,11 @@ bool EntryPrivate::IsLegal() const {
 // the count is raised after a successful use.
 bool EntryPrivate::IsValid() const {
   time_t const timeNow = time(NULL);
-  ENTRY_FAIL_IF(! IsLegal());
-  ENTRY_FAIL_IF(! enabled_);
-  ENTRY_FAIL_IF(0 < start_at_ && start_at_ > timeNow);
-  ENTRY_FAIL_IF(0 < expire_at_ && timeNow > expire_at_);
-  ENTRY_FAIL_IF(0 < expire_times_ && use_count_ > expire_times_);
+  KOVA_FAIL_IF(kSource, __LINE__, ! IsLegal());
+  KOVA_FAIL_IF(kSource, __LINE__, ! enabled_);
+  KOVA_FAIL_IF(kSource, __LINE__, 0 < start_at_ && start_at_ > timeNow);
+  KOVA_FAIL_IF(kSource, __LINE__, 0 < expire_at_ && timeNow > expire_at_);
+  KOVA_FAIL_IF(kSource, __LINE__, 0 < expire_times_ && use_count_ > expire_times_);
   return true;
 }
 // clang-format on

@@ -1,5 +1,6 @@
 #include "kovasharing/session.h"
 
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,16 +23,6 @@ namespace record {
 namespace {
 
 char const kSource[] = "session";
-
-// The line numbers of these log lines are fixed: log readers match on them.
-#define SESSION_FAIL_IF(line, cond)                                        \
-  do {                                                                     \
-    if (cond) {                                                            \
-      syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", kSource, line, \
-             static_cast<unsigned>(getpid()), #cond);                      \
-      return false;                                                        \
-    }                                                                      \
-  } while (0)
 
 template <class T>
 std::string Decimal(T value) {
@@ -79,9 +70,9 @@ std::map<std::string, std::string> SessionPrivate::GetFieldMap() const {
 // An expired session is illegal, so it reads back as absent.
 // clang-format off
 bool SessionPrivate::IsLegal() const {
-  SESSION_FAIL_IF(87, "" == session_id_);
-  SESSION_FAIL_IF(88, "" == ip_);
-  SESSION_FAIL_IF(89, time(NULL) >= timeout_);
+  KOVA_FAIL_IF(kSource, 87, "" == session_id_);
+  KOVA_FAIL_IF(kSource, 88, "" == ip_);
+  KOVA_FAIL_IF(kSource, 89, time(NULL) >= timeout_);
   return true;
 }
 // clang-format on

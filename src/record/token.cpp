@@ -1,5 +1,6 @@
 #include "kovasharing/token.h"
 
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -23,16 +24,6 @@ namespace record {
 namespace {
 
 char const kSource[] = "token";
-
-// The line numbers of these log lines are fixed: log readers match on them.
-#define TOKEN_FAIL_IF(line, cond)                                          \
-  do {                                                                     \
-    if (cond) {                                                            \
-      syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", kSource, line, \
-             static_cast<unsigned>(getpid()), #cond);                      \
-      return false;                                                        \
-    }                                                                      \
-  } while (0)
 
 }  // namespace
 
@@ -75,9 +66,9 @@ std::map<std::string, std::string> TokenPrivate::GetFieldMap() const {
 // Only 0 means "not set" for the ids. An expired token is illegal, so it reads back as absent.
 // clang-format off
 bool TokenPrivate::IsLegal() const {
-  TOKEN_FAIL_IF(81, 0 == entry_id_);
-  TOKEN_FAIL_IF(82, 0 == session_id_);
-  TOKEN_FAIL_IF(83, time(NULL) >= timeout_);
+  KOVA_FAIL_IF(kSource, 81, 0 == entry_id_);
+  KOVA_FAIL_IF(kSource, 82, 0 == session_id_);
+  KOVA_FAIL_IF(kSource, 83, time(NULL) >= timeout_);
   return true;
 }
 // clang-format on

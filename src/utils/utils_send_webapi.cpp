@@ -1,5 +1,6 @@
 // One request of the appliance's web API through its command-line runner.
 #include <json/reader.h>
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -36,8 +37,7 @@ bool SendWebapi(Json::Value& out, std::string const& api, int version, std::stri
 
   internal::Popen file(KOVA_WEBAPI_TOOL, "r", argv.data());
   if (!file) {
-    syslog(LOG_ERR, "%s:%d (%u) popen failed\n\n", "utils_send_webapi", 33,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID("utils_send_webapi", 33, "popen failed\n\n");
     return false;
   }
 
@@ -51,8 +51,7 @@ bool SendWebapi(Json::Value& out, std::string const& api, int version, std::stri
 
   Json::Reader reader;
   if (!reader.parse(text, out, false)) {
-    syslog(LOG_ERR, "%s:%d (%u) json read failed\n\n", "utils_send_webapi", 41,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID("utils_send_webapi", 41, "json read failed\n\n");
     file.close();
     return false;
   }

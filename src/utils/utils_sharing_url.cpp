@@ -1,4 +1,5 @@
 // The public URL of a sharing link, as the appliance's URL tool computes it.
+#include <kova_log.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -32,15 +33,14 @@ bool GetSharingURL(std::string const& text1, int number, bool flag, std::string 
 
   internal::Popen file(KOVA_SHARING_URL_TOOL, "r", argv.data());
   if (!file) {
-    syslog(LOG_ERR, "%s:%d (%u) popen failed\n\n", "utils_sharing_url", 30,
-           static_cast<unsigned>(getpid()));
+    KOVA_LOG_PID("utils_sharing_url", 30, "popen failed\n\n");
     return false;
   }
 
   char szUrl[BUF_SIZE_] = {};
   if (NULL == fgets(szUrl, BUF_SIZE_, file.file)) {
-    syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", "utils_sharing_url", 37,
-           static_cast<unsigned>(getpid()), "NULL == fgets(szUrl, BUF_SIZE_, file.file)");
+    KOVA_LOG_PID("utils_sharing_url", 37, "Failed [%s], err=%m\n\n",
+                 "NULL == fgets(szUrl, BUF_SIZE_, file.file)");
     file.close();
     return false;
   }
@@ -51,8 +51,8 @@ bool GetSharingURL(std::string const& text1, int number, bool flag, std::string 
 
   char szType[TYPE_BUF_SIZE_] = {};
   if (NULL == fgets(szType, TYPE_BUF_SIZE_, file.file)) {
-    syslog(LOG_ERR, "%s:%d (%u) Failed [%s], err=%m\n\n", "utils_sharing_url", 42,
-           static_cast<unsigned>(getpid()), "NULL == fgets(szType, TYPE_BUF_SIZE_, file.file)");
+    KOVA_LOG_PID("utils_sharing_url", 42, "Failed [%s], err=%m\n\n",
+                 "NULL == fgets(szType, TYPE_BUF_SIZE_, file.file)");
     file.close();
     return false;
   }

@@ -1,5 +1,6 @@
 // Translation between login names, user ids, group names and group ids, over the platform's
 // user and group database.
+#include <kova_log.h>
 #include <syslog.h>
 
 #include "kova_user.h"
@@ -27,7 +28,7 @@ bool UserGet(char const* name, KOVAUSER*& user) {
   int const r = KOVAUserGet(real.c_str(), &user);
   // Only "no such user" is a failure; a look-up error leaves the decision to the record.
   if (r == -1) {
-    syslog(LOG_ERR, "%s:%d No such user [%s]", "utils_user_group", 35, real.c_str());
+    KOVA_LOG("utils_user_group", 35, "No such user [%s]", real.c_str());
     return false;
   }
   return true;

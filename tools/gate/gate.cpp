@@ -16,6 +16,7 @@
 #include <json/writer.h>
 #include <kova_autoblock.h>
 #include <kova_cgi.h>
+#include <kova_log.h>
 #include <kovasharing/kovasharing.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -168,7 +169,7 @@ Reply Gate::Redirect(std::string const& location) const {
 
 Reply Gate::Failure(char const* what) const {
   // The system log, and the web server's error log (many hosts have only the latter).
-  syslog(LOG_ERR, "%s:%d (%u) %s", kSource, __LINE__, (unsigned)getpid(), what);
+  KOVA_LOG_PID(kSource, __LINE__, "%s", what);
   fprintf(stderr, "%s: %s\n", kSource, what);
   Page page;
   page.status = 500;
