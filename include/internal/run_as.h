@@ -6,6 +6,7 @@
 #ifndef KOVASHARING_INTERNAL_RUN_AS_H
 #define KOVASHARING_INTERNAL_RUN_AS_H
 
+#include <kova_identity.h>
 #include <stdint.h>
 
 namespace KOVA {
@@ -28,11 +29,8 @@ class RunAsScope {
   char const* file_;
   int line_;
   char const* name_;
+  KovaIdentity saved_;  // what the switch saved, for the restore (declared before switched_)
   bool switched_;
-  bool groups_saved_ = false;  // the supplementary groups to put back on leaving
-
-  // Puts the saved identity and groups back; false when a step failed.
-  bool Restore();
 };
 
 }  // namespace sharing

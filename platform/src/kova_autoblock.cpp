@@ -25,8 +25,6 @@
 namespace {
 
 char const kSource[] = "kova_autoblock";
-uid_t const kSystemUid = 1;
-gid_t const kSystemGid = 1;
 using kova::SystemIdentity;
 
 // The address as counted: IPv4 as itself (also when written IPv4-mapped), IPv6 as its /64
@@ -63,7 +61,7 @@ bool MakeDirectory() {
     if (mkdir(parent.c_str(), 0755) != 0 && errno != EEXIST) return false;
   }
   if (mkdir(dir.c_str(), 0770) != 0 && errno != EEXIST) return false;
-  if (geteuid() == 0 && chown(dir.c_str(), kSystemUid, kSystemGid) != 0) return false;
+  if (geteuid() == 0 && chown(dir.c_str(), KOVA_SYSTEM_UID, KOVA_SYSTEM_GID) != 0) return false;
   return chmod(dir.c_str(), 0770) == 0 || geteuid() != 0;
 }
 

@@ -1,11 +1,12 @@
-// The platform's own privilege guard: work on the appliance's private state files (the
-// failed-login store) runs as the system account when the caller is root, and the caller's
-// identity, with its supplementary groups, is back when the guard goes. It holds the identity
-// lock (kova_identity.h) for its whole life. A caller that is not root works as itself.
+// The platform's guard around its own private state files (the failed-login store): they are
+// used as the system account when the caller is root, and the caller's identity, with its
+// supplementary groups, is back when the guard goes. The switch is the one of
+// kova_identity.h, and the guard holds the identity lock for its whole life. A caller that is
+// not root works as itself.
 #ifndef KOVA_PLATFORM_SYSTEM_IDENTITY_H
 #define KOVA_PLATFORM_SYSTEM_IDENTITY_H
 
-#include <sys/types.h>
+#include "kova_identity.h"
 
 namespace kova {
 
@@ -17,10 +18,9 @@ class SystemIdentity {
   SystemIdentity& operator=(SystemIdentity const&) = delete;
 
  private:
-  uid_t euid_;
-  gid_t egid_;
-  bool switched_ = false;
-  bool groups_saved_ = false;
+  void Restore();
+
+  KovaIdentity saved_ = {0, 0, 0};
 };
 
 }  // namespace kova

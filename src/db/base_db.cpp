@@ -41,7 +41,7 @@ constexpr size_t kStackEscapeBytes = 16 * 1024;
 BaseDBPrivate::BaseDBPrivate(std::string const& path, unsigned int mode)
     : good_(true), path_(path), db_(nullptr) {
   if (!KLIBCFileExist(path_.c_str())) {
-    IF_RUN_AS(1, 1);
+    IF_RUN_AS(KOVA_SYSTEM_UID, KOVA_SYSTEM_GID);
     if (!run_as_scope.IsSwitched()) {
       KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       good_ = false;
@@ -59,7 +59,7 @@ BaseDBPrivate::BaseDBPrivate(std::string const& path, unsigned int mode)
     }
   }
   {
-    IF_RUN_AS(1, 1);
+    IF_RUN_AS(KOVA_SYSTEM_UID, KOVA_SYSTEM_GID);
     if (!run_as_scope.IsSwitched()) {
       KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       good_ = false;
@@ -128,7 +128,7 @@ bool BaseDBPrivate::Execute(std::string const& sql, Result* result) {
     KOVA_LOG_PID(kSource, __LINE__, "db is not good.\n\n");
   } else {
     last_query_ = sql;
-    IF_RUN_AS(1, 1);
+    IF_RUN_AS(KOVA_SYSTEM_UID, KOVA_SYSTEM_GID);
     if (!run_as_scope.IsSwitched()) {
       KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
     } else if (KOVADBExecute(db_, sql.c_str(), &handle) == -1) {

@@ -64,7 +64,7 @@ bool SharingDBPrivate::MigrateTo(int version) {
   std::ifstream in;
   int open_errno = 0;
   {
-    IF_RUN_AS(1, 1);
+    IF_RUN_AS(KOVA_SYSTEM_UID, KOVA_SYSTEM_GID);
     if (!run_as_scope.IsSwitched()) {
       KOVA_LOG_PID(kSource, __LINE__, "failed to run as system\n\n");
       return false;

@@ -31,10 +31,9 @@ std::string Decimal(T value) {
 
 }  // namespace
 
-SessionPrivate::SessionPrivate() : uid_(0xFFFFFFFFu), timeout_(0) {}
+SessionPrivate::SessionPrivate() : uid_(UID_ERR), timeout_(0) {}
 
-SessionPrivate::SessionPrivate(SessionPrivate&& other)
-    : Object(other), uid_(0xFFFFFFFFu), timeout_(0) {
+SessionPrivate::SessionPrivate(SessionPrivate&& other) : Object(other), uid_(UID_ERR), timeout_(0) {
   TakeFrom(other);
 }
 
@@ -87,7 +86,7 @@ void SessionPrivate::ToJSON(Json::Value& out) const {
 bool SessionPrivate::FromRow(db::Row const& row) {
   id = row.GetField(SZK_ID_).AsInt(0);
   session_id_ = row.GetField(SZK_SESSION_ID_).AsString("");
-  uid_ = row.GetField(SZK_UID_).AsUInt(0xFFFFFFFFu);
+  uid_ = row.GetField(SZK_UID_).AsUInt(UID_ERR);
   ip_ = row.GetField(SZK_IP_).AsString("");
   timeout_ = row.GetField(SZK_TIMEOUT).AsTime(0);
   return IsLegal();
