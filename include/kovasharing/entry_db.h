@@ -48,6 +48,11 @@ class KOVA_EXPORT EntryDB {
   // whether or not they allow automatic collection.
   bool PurgeExpiredByOwnerProject(unsigned int uid, std::string const& project);
 
+  // What the purges count as expired at the time `now`, as an SQL condition on the entry
+  // table: past its end time, or used up (unlike the entry's own validity check, a count
+  // that has reached its limit counts as expired). For filters that must agree with them.
+  static std::string ExpiredCondition(long now);
+
  private:
   EntryDBPrivate* d_;
 };

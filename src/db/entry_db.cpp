@@ -20,11 +20,9 @@ namespace db {
 
 namespace {
 
-// The expiry test shared by both purges: past its end time, or used up. Unlike the entry's
-// own validity check, an entry whose count has reached its limit counts as expired here.
+// The expiry test of both purges, as their statements spell it.
 std::string ExpiredClause() {
-  return " ((expire_at != 0 AND expire_at < " + std::to_string(static_cast<long>(time(nullptr))) +
-         ") OR (expire_times != 0 AND use_count >= expire_times))";
+  return " " + EntryDB::ExpiredCondition(static_cast<long>(time(nullptr)));
 }
 
 }  // namespace
@@ -144,6 +142,11 @@ bool EntryDB::GetByHash(std::string const& hash, record::Entry& entry) const {
 
 bool EntryDB::GetByToken(record::Token const& token, record::Entry& entry) const {
   return d_->GetByToken(token, entry);
+}
+
+std::string EntryDB::ExpiredCondition(long now) {
+  return "((expire_at != 0 AND expire_at < " + std::to_string(now) +
+         ") OR (expire_times != 0 AND use_count >= expire_times))";
 }
 
 bool EntryDB::PurgeExpired(float probability) { return d_->PurgeExpired(probability); }

@@ -33,13 +33,6 @@ using KOVA::sharing::record::Entry;
 using KOVA::sharing::record::Session;
 using KOVA::sharing::record::Token;
 
-// What the entry purge of the library removes, as an SQL filter at the time `now`; "all"
-// also takes entries that ask to be kept (auto_gc off).
-std::string ExpiredFilter(long now) {
-  return "((expire_at != 0 AND expire_at < " + std::to_string(now) +
-         ") OR (expire_times != 0 AND use_count >= expire_times))";
-}
-
 SharingDB& Database() {
   SharingDB& db = SharingDB::Instance();
   if (!db.IsGood()) {
@@ -343,7 +336,7 @@ int RunList(Args const& args) {
     if (owner != UID_ERR) condition.Where("owner_uid", std::to_string(owner));
     if (args.Has("project")) condition.Where("project_name", args.Get("project"));
     if (by_enabled) condition.Where("enabled", enabled ? "1" : "0");
-    if (by_expired) condition.Where((expired ? "" : "NOT ") + ExpiredFilter(now));
+    if (by_expired) condition.Where((expired ? "" : "NOT ") + EntryDB::ExpiredCondition(now));
     return condition;
   };
   int total = 0;
