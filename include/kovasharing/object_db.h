@@ -4,6 +4,7 @@
 #define KOVASHARING_OBJECT_DB_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base_db.h"
@@ -64,7 +65,7 @@ bool ObjectDB::Query(std::vector<T>& out) const {
     Row row;
     while (result.NextRow(row)) {
       T item;
-      if (item.FromRow(row)) out.push_back(item);
+      if (item.FromRow(row)) out.push_back(std::move(item));
     }
   }
   if (narrowed) condition_->Clear();
