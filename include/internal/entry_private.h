@@ -22,9 +22,9 @@ class EntryPrivate : public Object {
   EntryPrivate(EntryPrivate const& other) = default;
   // Moves strings, lists and JSON values out of `other` and leaves them empty there; numbers
   // and flags are copied.
-  EntryPrivate(EntryPrivate&& other);
+  EntryPrivate(EntryPrivate&& other) noexcept;
   EntryPrivate& operator=(EntryPrivate const& other) = default;
-  EntryPrivate& operator=(EntryPrivate&& other);
+  EntryPrivate& operator=(EntryPrivate&& other) noexcept;
   ~EntryPrivate() override;
 
   std::vector<std::string> GetFieldList() const override;

@@ -19,9 +19,9 @@ class SessionPrivate : public Object {
   SessionPrivate();
   SessionPrivate(SessionPrivate const& other) = default;
   // Strings are moved out and left empty in `other`; numbers are copied.
-  SessionPrivate(SessionPrivate&& other);
+  SessionPrivate(SessionPrivate&& other) noexcept;
   SessionPrivate& operator=(SessionPrivate const& other) = default;
-  SessionPrivate& operator=(SessionPrivate&& other);
+  SessionPrivate& operator=(SessionPrivate&& other) noexcept;
   ~SessionPrivate() override;
 
   std::vector<std::string> GetFieldList() const override;

@@ -19,9 +19,9 @@ class TokenPrivate : public Object {
   TokenPrivate();
   TokenPrivate(TokenPrivate const& other) = default;
   // The text is moved out and left empty in `other`; numbers are copied.
-  TokenPrivate(TokenPrivate&& other);
+  TokenPrivate(TokenPrivate&& other) noexcept;
   TokenPrivate& operator=(TokenPrivate const& other) = default;
-  TokenPrivate& operator=(TokenPrivate&& other);
+  TokenPrivate& operator=(TokenPrivate&& other) noexcept;
   ~TokenPrivate() override;
 
   std::vector<std::string> GetFieldList() const override;

@@ -49,8 +49,7 @@ class KOVA_EXPORT BaseDB {
   std::string Escape(std::string const& text) const;
 
   bool Insert(std::string const& table, std::vector<std::string> const& values);
-  bool Update(std::string const& table, std::map<std::string, std::string> const& fields,
-              int id);
+  bool Update(std::string const& table, std::map<std::string, std::string> const& fields, int id);
   bool Delete(std::string const& table, int id);
 
  private:

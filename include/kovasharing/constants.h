@@ -10,10 +10,10 @@ namespace sharing {
 // Unset or unknown owner (all bits set).
 constexpr unsigned int UID_ERR = 0xFFFFFFFFu;
 
-constexpr int SHARING_HASH_LENGTH = 9;        // first length of a link hash
-constexpr int SHARING_MAX_RETRY_TIMES = 50;   // retry bound of random-key creation
-constexpr int SHARING_SESSION_LENGTH = 32;    // length of a session id
-constexpr int SHARING_PASS_HASH_LENGTH = 6;   // length of a password salt
+constexpr int SHARING_HASH_LENGTH = 9;       // first length of a link hash
+constexpr int SHARING_MAX_RETRY_TIMES = 50;  // retry bound of random-key creation
+constexpr int SHARING_SESSION_LENGTH = 32;   // length of a session id
+constexpr int SHARING_PASS_HASH_LENGTH = 6;  // length of a password salt
 
 KOVA_EXPORT extern char const* const SZF_SHARING_DB_PATH;
 

@@ -44,9 +44,9 @@ class KOVA_EXPORT Entry {
   Entry();
   Entry(Entry const& other);
   // The new handle takes the fields; `other` keeps its own (emptied) record and stays usable.
-  Entry(Entry&& other);
+  Entry(Entry&& other) noexcept;
   Entry& operator=(Entry const& other);
-  Entry& operator=(Entry&& other);
+  Entry& operator=(Entry&& other) noexcept;
   virtual ~Entry();
 
   Object& GetObject();

@@ -27,9 +27,9 @@ class KOVA_EXPORT Session {
   Session();
   Session(Session const& other);
   // The new handle takes the fields; `other` keeps its own record (strings emptied).
-  Session(Session&& other);
+  Session(Session&& other) noexcept;
   Session& operator=(Session const& other);
-  Session& operator=(Session&& other);
+  Session& operator=(Session&& other) noexcept;
   virtual ~Session();
 
   Object& GetObject();

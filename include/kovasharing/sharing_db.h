@@ -15,7 +15,7 @@ class SharingDBPrivate;
 
 class KOVA_EXPORT SharingDB : public BaseDB {
  public:
-  SharingDB();                                   // the fixed database file
+  SharingDB();                                  // the fixed database file
   explicit SharingDB(std::string const& path);  // another file, same mode and schema
   ~SharingDB() override;
 

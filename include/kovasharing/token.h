@@ -27,9 +27,9 @@ class KOVA_EXPORT Token {
   Token();
   Token(Token const& other);
   // The new handle takes the fields; `other` keeps its own record.
-  Token(Token&& other);
+  Token(Token&& other) noexcept;
   Token& operator=(Token const& other);
-  Token& operator=(Token&& other);
+  Token& operator=(Token&& other) noexcept;
   virtual ~Token();
 
   Object& GetObject();

@@ -58,8 +58,8 @@ enum _tag_SHARING_URL_TYPE : int {
 };
 
 KOVA_EXPORT bool GetSharingURL(std::string const& text1, int number, bool flag,
-                               std::string const& text2, std::string const& text3,
-                               std::string& url, _tag_SHARING_URL_TYPE& type);
+                               std::string const& text2, std::string const& text3, std::string& url,
+                               _tag_SHARING_URL_TYPE& type);
 KOVA_EXPORT bool GetSharingURL(std::string const& text1, int number, bool flag,
                                std::string const& text3, std::string& url,
                                _tag_SHARING_URL_TYPE& type);

@@ -15,7 +15,7 @@ extern "C" {
 typedef struct KovaCgiRequest* KOVA_CGI_HANDLE;
 
 /* Largest url-encoded POST body accepted, in bytes. */
-#define KOVA_CGI_MAX_BODY (1024 * 1024)
+#define KOVA_CGI_MAX_BODY ((size_t)1024 * 1024)
 
 /* Flags of KovaCgiSetCookies. A cookie is HttpOnly and SameSite=Lax unless told otherwise,
  * and Secure when the request came over HTTPS. */

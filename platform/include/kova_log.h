@@ -10,7 +10,8 @@
 #include <unistd.h>
 
 /* "<source>:<line> <message>" */
-#define KOVA_LOG(source, line, fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, (source), (line), ##__VA_ARGS__)
+#define KOVA_LOG(source, line, fmt, ...) \
+  syslog(LOG_ERR, "%s:%d " fmt, (source), (line), ##__VA_ARGS__)
 
 /* "<source>:<line> (<process id>) <message>" */
 #define KOVA_LOG_PID(source, line, fmt, ...) \
@@ -18,12 +19,12 @@
 
 /* A failed internal condition, logged with its own source text, makes the function return
  * false. */
-#define KOVA_FAIL_IF(source, line, cond)                                  \
-  do {                                                                    \
-    if (cond) {                                                           \
+#define KOVA_FAIL_IF(source, line, cond)                                \
+  do {                                                                  \
+    if (cond) {                                                         \
       KOVA_LOG_PID((source), (line), "Failed [%s], err=%m\n\n", #cond); \
-      return false;                                                       \
-    }                                                                     \
+      return false;                                                     \
+    }                                                                   \
   } while (0)
 
 #endif

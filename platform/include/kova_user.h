@@ -11,9 +11,9 @@ extern "C" {
 #endif
 
 typedef struct KOVAUSER {
-  char* name;         /* login name */
-  unsigned int uid;   /* user id */
-  unsigned int gid;   /* primary group id */
+  char* name;       /* login name */
+  unsigned int uid; /* user id */
+  unsigned int gid; /* primary group id */
   char* home;
   char* shell;
 } KOVAUSER;

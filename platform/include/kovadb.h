@@ -16,8 +16,8 @@ typedef struct DBResult_tag DBResult_tag; /* rows of one statement, copied as te
 
 /* Opens the existing database file `path` read-write; the first three arguments are unused
  * (empty texts). Returns NULL on failure. */
-KOVA_PLATFORM_EXPORT KOVADB* KOVADBConnect(const char* host, const char* user,
-                                           const char* password, const char* path);
+KOVA_PLATFORM_EXPORT KOVADB* KOVADBConnect(const char* host, const char* user, const char* password,
+                                           const char* path);
 /* Runs every statement of `sql` in order. *result receives the rows of the last statement
  * that returned columns (NULL when none did). Returns -1 on failure, 0 on success. */
 KOVA_PLATFORM_EXPORT int KOVADBExecute(KOVADB* db, const char* sql, DBResult_tag** result);

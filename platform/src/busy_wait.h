@@ -13,9 +13,8 @@
 inline int KovaBusyRetry(void* /*unused*/, int count) {
   int const quick_tries = 20;
   long const quick_us = 100, slow_us = 1000, total_us = 5000L * 1000L;
-  long const slept = count < quick_tries
-                         ? count * quick_us
-                         : quick_tries * quick_us + (count - quick_tries) * slow_us;
+  long const slept = count < quick_tries ? count * quick_us
+                                         : quick_tries * quick_us + (count - quick_tries) * slow_us;
   if (slept >= total_us) return 0;
   long const step_us = count < quick_tries ? quick_us : slow_us;
   struct timespec const step = {0, step_us * 1000L};

@@ -32,7 +32,7 @@ char const kInitPragmas[] =
 
 // Escaping a value of up to this many bytes uses a buffer on the stack; longer values (large
 // application data) take the heap rather than risk the stack.
-constexpr size_t kStackEscapeBytes = 16 * 1024;
+constexpr size_t kStackEscapeBytes = size_t{16} * 1024;
 
 }  // namespace
 

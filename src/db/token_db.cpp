@@ -39,8 +39,8 @@ bool TokenDBPrivate::PurgeByEntry(record::Entry const& entry) {
 Lookup TokenDBPrivate::FindBySessionEntry(record::Session const& session,
                                           record::Entry const& entry, record::Token& token) const {
   // Only the first row counts: an expired one hides a live one for the same pair.
-  return FindOne(std::string("SELECT * FROM ") + table_ + " WHERE session_id = " +
-                     std::to_string(session.get_id()) +
+  return FindOne(std::string("SELECT * FROM ") + table_ +
+                     " WHERE session_id = " + std::to_string(session.get_id()) +
                      " AND entry_id = " + std::to_string(entry.get_id()),
                  token.GetObject());
 }

@@ -112,9 +112,9 @@ EntryPrivate::EntryPrivate()
       app_(Json::nullValue),
       private_data_(Json::objectValue) {}
 
-EntryPrivate::EntryPrivate(EntryPrivate&& other) : Object(other) { TakeFrom(other); }
+EntryPrivate::EntryPrivate(EntryPrivate&& other) noexcept : Object(other) { TakeFrom(other); }
 
-EntryPrivate& EntryPrivate::operator=(EntryPrivate&& other) {
+EntryPrivate& EntryPrivate::operator=(EntryPrivate&& other) noexcept {
   if (this != &other) TakeFrom(other);
   return *this;
 }
@@ -213,6 +213,7 @@ std::map<std::string, std::string> EntryPrivate::GetFieldMap() const {
 
 // The rules keep their exact spelling: it is the text of the log line.
 // clang-format off
+// NOLINTBEGIN(readability-container-size-empty)
 bool EntryPrivate::IsLegal() const {
   KOVA_FAIL_IF(kSource, __LINE__, !blValid_);
   KOVA_FAIL_IF(kSource, __LINE__, "" == hash_);
@@ -226,6 +227,7 @@ bool EntryPrivate::IsLegal() const {
   KOVA_FAIL_IF(kSource, __LINE__, Entry::PROTECT_USER == protect_type_ && (0 == protect_uids_.size() + protect_extra_users_.size() + protect_gids_.size() + protect_extra_groups_.size()));
   return true;
 }
+// NOLINTEND(readability-container-size-empty)
 
 // A link stays usable during the second of its expiry, and while its count equals its limit:
 // the count is raised after a successful use.
@@ -490,14 +492,18 @@ void EntryPrivate::set_expire_at_str(std::string const& text, char const* format
 
 Entry::Entry() : d_(new EntryPrivate) {}
 Entry::Entry(Entry const& other) : d_(new EntryPrivate(*other.d_)) {}
-Entry::Entry(Entry&& other) : d_(new EntryPrivate(std::move(*other.d_))) {}
+// The source keeps a record of its own, so it stays usable; running out of memory here
+// ends the program.
+Entry::Entry(Entry&& other) noexcept
+    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+    : d_(new EntryPrivate(std::move(*other.d_))) {}
 
 Entry& Entry::operator=(Entry const& other) {
-  *d_ = *other.d_;
+  if (this != &other) *d_ = *other.d_;
   return *this;
 }
 
-Entry& Entry::operator=(Entry&& other) {
+Entry& Entry::operator=(Entry&& other) noexcept {
   if (this != &other) *d_ = std::move(*other.d_);
   return *this;
 }

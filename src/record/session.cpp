@@ -33,11 +33,12 @@ std::string Decimal(T value) {
 
 SessionPrivate::SessionPrivate() : uid_(UID_ERR), timeout_(0) {}
 
-SessionPrivate::SessionPrivate(SessionPrivate&& other) : Object(other), uid_(UID_ERR), timeout_(0) {
+SessionPrivate::SessionPrivate(SessionPrivate&& other) noexcept
+    : Object(other), uid_(UID_ERR), timeout_(0) {
   TakeFrom(other);
 }
 
-SessionPrivate& SessionPrivate::operator=(SessionPrivate&& other) {
+SessionPrivate& SessionPrivate::operator=(SessionPrivate&& other) noexcept {
   if (this != &other) TakeFrom(other);
   return *this;
 }
@@ -68,12 +69,14 @@ std::map<std::string, std::string> SessionPrivate::GetFieldMap() const {
 
 // An expired session is illegal, so it reads back as absent.
 // clang-format off
+// NOLINTBEGIN(readability-container-size-empty)
 bool SessionPrivate::IsLegal() const {
   KOVA_FAIL_IF(kSource, 87, "" == session_id_);
   KOVA_FAIL_IF(kSource, 88, "" == ip_);
   KOVA_FAIL_IF(kSource, 89, time(NULL) >= timeout_);
   return true;
 }
+// NOLINTEND(readability-container-size-empty)
 // clang-format on
 
 void SessionPrivate::ToJSON(Json::Value& out) const {
@@ -96,14 +99,18 @@ bool SessionPrivate::FromRow(db::Row const& row) {
 
 Session::Session() : d_(new SessionPrivate) {}
 Session::Session(Session const& other) : d_(new SessionPrivate(*other.d_)) {}
-Session::Session(Session&& other) : d_(new SessionPrivate(std::move(*other.d_))) {}
+// The source keeps a record of its own, so it stays usable; running out of memory here
+// ends the program.
+Session::Session(Session&& other) noexcept
+    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+    : d_(new SessionPrivate(std::move(*other.d_))) {}
 
 Session& Session::operator=(Session const& other) {
-  *d_ = *other.d_;
+  if (this != &other) *d_ = *other.d_;
   return *this;
 }
 
-Session& Session::operator=(Session&& other) {
+Session& Session::operator=(Session&& other) noexcept {
   if (this != &other) *d_ = std::move(*other.d_);
   return *this;
 }

@@ -29,12 +29,12 @@ char const kSource[] = "token";
 
 TokenPrivate::TokenPrivate() : entry_id_(0), session_id_(0), timeout_(0) {}
 
-TokenPrivate::TokenPrivate(TokenPrivate&& other)
+TokenPrivate::TokenPrivate(TokenPrivate&& other) noexcept
     : Object(other), entry_id_(0), session_id_(0), timeout_(0) {
   TakeFrom(other);
 }
 
-TokenPrivate& TokenPrivate::operator=(TokenPrivate&& other) {
+TokenPrivate& TokenPrivate::operator=(TokenPrivate&& other) noexcept {
   if (this != &other) TakeFrom(other);
   return *this;
 }
@@ -91,14 +91,18 @@ bool TokenPrivate::FromRow(db::Row const& row) {
 
 Token::Token() : d_(new TokenPrivate) {}
 Token::Token(Token const& other) : d_(new TokenPrivate(*other.d_)) {}
-Token::Token(Token&& other) : d_(new TokenPrivate(std::move(*other.d_))) {}
+// The source keeps a record of its own, so it stays usable; running out of memory here
+// ends the program.
+Token::Token(Token&& other) noexcept
+    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+    : d_(new TokenPrivate(std::move(*other.d_))) {}
 
 Token& Token::operator=(Token const& other) {
-  *d_ = *other.d_;
+  if (this != &other) *d_ = *other.d_;
   return *this;
 }
 
-Token& Token::operator=(Token&& other) {
+Token& Token::operator=(Token&& other) noexcept {
   if (this != &other) *d_ = std::move(*other.d_);
   return *this;
 }

@@ -59,9 +59,9 @@ bool Sha1WithSaltHashPassword(std::string const& password, std::string const& sa
   unsigned char digest[64];
   sha1->hash_buffer(GCRY_MD_SHA1, digest, input.data(), input.size());
   for (unsigned int i = 0; i < len; ++i) {
-    snprintf(text + i * 2, 3, "%02x", digest[i]);
+    snprintf(text + static_cast<size_t>(i) * 2, 3, "%02x", digest[i]);
   }
-  text[len * 2] = '\0';
+  text[static_cast<size_t>(len) * 2] = '\0';
   out = text;
   free(text);
   return true;
@@ -111,7 +111,7 @@ bool MD5HashPassword(std::string const& password, std::string& out) {
   if (md5->update(&ctx, password.data(), password.size()) < 1) return false;
   if (md5->final(digest, &ctx) < 1) return false;
   char text[33] = {};
-  for (int i = 0; i < MD5_DIGEST_LENGTH; ++i) {
+  for (size_t i = 0; i < MD5_DIGEST_LENGTH; ++i) {
     snprintf(text + i * 2, 3, "%02x", digest[i]);
   }
   out = text;

@@ -145,7 +145,7 @@ struct Applied {
 // the order a person reads the command line, so the first mistake is the one reported.
 Applied ApplyFields(Args const& args, Entry& entry) {
   Applied applied;
-  std::string const cmd = args.command();
+  std::string const& cmd = args.command();
   bool const password = args.Has("password") || args.Has("password-stdin");
   bool const users = args.Has("users") || args.Has("groups");
   bool const none = args.Has("no-protection");
