@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "internal/base_db_private.h"
-#include "internal/run_as.h"
+#include "db/base_db_private.h"
+#include "db/run_as.h"
 #include "klibc.h"
 #include "kovadb.h"
 #include "kovasharing/result.h"

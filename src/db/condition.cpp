@@ -3,7 +3,7 @@
 #include <climits>
 #include <string>
 
-#include "internal/condition_private.h"
+#include "db/condition_private.h"
 #include "kovasharing/base_db.h"
 
 namespace KOVA {

@@ -1,4 +1,4 @@
-#include "internal/run_as.h"
+#include "db/run_as.h"
 
 #include <kova_identity.h>
 #include <syslog.h>

@@ -9,8 +9,8 @@
 #include <sstream>
 #include <string>
 
-#include "internal/run_as.h"
-#include "internal/sharing_db_private.h"
+#include "db/run_as.h"
+#include "db/sharing_db_private.h"
 #include "kova_paths.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/result.h"

@@ -16,9 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "internal/entry_db_private.h"
-#include "internal/session_db_private.h"
-#include "internal/token_db_private.h"
 #include "kova_autoblock.h"
 #include "kova_cgi.h"
 #include "kova_user.h"
@@ -31,6 +28,9 @@
 #include "kovasharing/token.h"
 #include "kovasharing/token_db.h"
 #include "kovasharing/utils.h"
+#include "store/entry_db_private.h"
+#include "store/session_db_private.h"
+#include "store/token_db_private.h"
 
 namespace {
 

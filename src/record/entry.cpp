@@ -10,11 +10,11 @@
 #include <ctime>
 #include <utility>
 
-#include "internal/entry_private.h"
 #include "kova_random.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/result.h"
 #include "kovasharing/utils.h"
+#include "record/entry_private.h"
 
 namespace KOVA {
 namespace sharing {

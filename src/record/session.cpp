@@ -7,9 +7,9 @@
 #include <ctime>
 #include <utility>
 
-#include "internal/session_private.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/result.h"
+#include "record/session_private.h"
 
 namespace KOVA {
 namespace sharing {

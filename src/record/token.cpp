@@ -7,10 +7,10 @@
 #include <ctime>
 #include <utility>
 
-#include "internal/token_private.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/result.h"
 #include "kovasharing/utils.h"
+#include "record/token_private.h"
 
 namespace KOVA {
 namespace sharing {

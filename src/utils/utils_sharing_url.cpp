@@ -7,9 +7,9 @@
 #include <sstream>
 #include <vector>
 
-#include "internal/popen.h"
 #include "kova_paths.h"
 #include "kovasharing/utils.h"
+#include "utils/popen.h"
 
 namespace KOVA {
 namespace sharing {

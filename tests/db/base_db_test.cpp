@@ -5,8 +5,8 @@
 #include <linux/capability.h>
 #include <sys/syscall.h>
 
+#include "db/run_as.h"
 #include "db_test_util.h"
-#include "internal/run_as.h"
 
 namespace {
 

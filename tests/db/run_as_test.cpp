@@ -1,7 +1,7 @@
 // The privilege guard under threads and with supplementary groups: the identity is the whole
 // process's, so threads must take turns, and the groups of a root caller must not follow it
 // into the system account.
-#include "internal/run_as.h"
+#include "db/run_as.h"
 
 #include <fcntl.h>
 #include <grp.h>

@@ -4,13 +4,13 @@
 #include <ctime>
 #include <string>
 
-#include "internal/token_db_private.h"
 #include "kovasharing/base_db.h"
 #include "kovasharing/entry.h"
 #include "kovasharing/result.h"
 #include "kovasharing/session.h"
 #include "kovasharing/token.h"
 #include "kovasharing/utils.h"
+#include "store/token_db_private.h"
 
 namespace KOVA {
 namespace sharing {

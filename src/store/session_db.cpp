@@ -4,13 +4,13 @@
 #include <ctime>
 #include <string>
 
-#include "internal/session_db_private.h"
 #include "kova_random.h"
 #include "kovasharing/base_db.h"
 #include "kovasharing/constants.h"
 #include "kovasharing/result.h"
 #include "kovasharing/session.h"
 #include "kovasharing/utils.h"
+#include "store/session_db_private.h"
 
 namespace KOVA {
 namespace sharing {

@@ -4,8 +4,6 @@
 #include <ctime>
 #include <string>
 
-#include "internal/entry_db_private.h"
-#include "internal/entry_private.h"
 #include "kova_random.h"
 #include "kovasharing/base_db.h"
 #include "kovasharing/constants.h"
@@ -13,6 +11,8 @@
 #include "kovasharing/result.h"
 #include "kovasharing/token.h"
 #include "kovasharing/utils.h"
+#include "record/entry_private.h"
+#include "store/entry_db_private.h"
 
 namespace KOVA {
 namespace sharing {
