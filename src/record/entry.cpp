@@ -1,3 +1,5 @@
+// The entry record: its defaults, rules, conversions to and from the stored row and JSON,
+// and the protection and time fields that need work (the public handle is entry_handle.cpp).
 #include "kovasharing/entry.h"
 
 #include <json/reader.h>
@@ -6,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstring>
 #include <ctime>
 #include <utility>
@@ -78,6 +81,57 @@ template <class T>
 void MoveOut(T& to, T& from) {
   to = std::move(from);
   from = T();
+}
+
+// The texts the stored data and the JSON form give the entry's three kinds of setting. Each
+// reading and writing names the value that stands for what the table does not hold. The
+// tables are made on first use: the texts live in another file, and a program may read an
+// entry before this file's static objects are made.
+template <class E>
+struct Name {
+  E value;
+  char const* text;
+};
+template <class E, size_t N = 3>
+using Names = std::array<Name<E>, N>;
+
+Names<Entry::ProtectType> const& ProtectNames() {
+  static Names<Entry::ProtectType> const names = {
+      {{Entry::PROTECT_NONE, SZK_PROTECT_PROTECT_NONE},
+       {Entry::PROTECT_PASSWORD, SZK_PROTECT_PROTECT_PASSWORD},
+       {Entry::PROTECT_USER, SZK_PROTECT_PROTECT_USER}}};
+  return names;
+}
+Names<Entry::RedirectType> const& RedirectNames() {
+  static Names<Entry::RedirectType> const names = {
+      {{Entry::REDIRECT_NONE, SZK_REDIRECT_REDIRECT_NONE},
+       {Entry::REDIRECT_URLPARAM, SZK_REDIRECT_REDIRECT_URLPARAM},
+       {Entry::REDIRECT_ALWAYS, SZK_REDIRECT_REDIRECT_ALWAYS}}};
+  return names;
+}
+Names<Entry::PasswordEncryptAlgo, 2> const& AlgoNames() {
+  static Names<Entry::PasswordEncryptAlgo, 2> const names = {
+      {{Entry::ENCRYPT_ALGO_DEFAULT, SZK_PROTECT_PASSWORD_ALGO_DEFAULT},
+       {Entry::ENCRYPT_ALGO_MD5, SZK_PROTECT_PASSWORD_ALGO_MD5}}};
+  return names;
+}
+
+template <class E, size_t N>
+char const* TextOf(Names<E, N> const& names, E value, E otherwise) {
+  char const* fallback = "";
+  for (auto const& name : names) {
+    if (name.value == value) return name.text;
+    if (name.value == otherwise) fallback = name.text;
+  }
+  return fallback;
+}
+
+template <class E, size_t N>
+E ValueOf(Names<E, N> const& names, std::string const& text, E otherwise) {
+  for (auto const& name : names) {
+    if (text == name.text) return name.value;
+  }
+  return otherwise;
 }
 
 Json::Value UIntArray(std::vector<unsigned int> const& values) {
@@ -153,23 +207,17 @@ void EntryPrivate::TakeFrom(EntryPrivate& other) {
 Json::Value EntryPrivate::DataJSON() const {
   Json::Value data(Json::objectValue);
   data[SZK_ENABLE_MATCH_IP] = enable_match_ip_;
-  data[SZK_PROTECT_TYPE] = Entry::PROTECT_NONE == protect_type_       ? SZK_PROTECT_PROTECT_NONE
-                           : Entry::PROTECT_PASSWORD == protect_type_ ? SZK_PROTECT_PROTECT_PASSWORD
-                                                                      : SZK_PROTECT_PROTECT_USER;
+  data[SZK_PROTECT_TYPE] = TextOf(ProtectNames(), protect_type_, Entry::PROTECT_USER);
   data[SZK_PROTECT_TITLE] = protect_title_;
   data[SZK_PROTECT_PASSWORD] = protect_password_;
-  data[SZK_PROTECT_PASSWORD_ALGO] = Entry::ENCRYPT_ALGO_DEFAULT == protect_password_algo_
-                                        ? SZK_PROTECT_PASSWORD_ALGO_DEFAULT
-                                        : SZK_PROTECT_PASSWORD_ALGO_MD5;
+  data[SZK_PROTECT_PASSWORD_ALGO] =
+      TextOf(AlgoNames(), protect_password_algo_, Entry::ENCRYPT_ALGO_MD5);
   data[SZK_PROTECT_PASSWORD_SALT] = protect_password_salt_;
   data[SZK_PROTECT_UIDS] = UIntArray(protect_uids_);
   data[SZK_PROTECT_EXTRA_USERS] = StringArray(protect_extra_users_);
   data[SZK_PROTECT_GIDS] = UIntArray(protect_gids_);
   data[SZK_PROTECT_EXTRA_GROUPS] = StringArray(protect_extra_groups_);
-  data[SZK_REDIRECT_TYPE] = Entry::REDIRECT_NONE == redirect_type_ ? SZK_REDIRECT_REDIRECT_NONE
-                            : Entry::REDIRECT_URLPARAM == redirect_type_
-                                ? SZK_REDIRECT_REDIRECT_URLPARAM
-                                : SZK_REDIRECT_REDIRECT_ALWAYS;
+  data[SZK_REDIRECT_TYPE] = TextOf(RedirectNames(), redirect_type_, Entry::REDIRECT_ALWAYS);
   data[SZK_REDIRECT_URI] = redirect_uri_;
   data[SZK_APP] = app_;
   data[SZK_PRIVATE_DATA] = private_data_;
@@ -255,15 +303,10 @@ void EntryPrivate::ToJSON(Json::Value& out) const {
   json[SZK_AUTO_GC] = auto_gc_;
   json[SZK_ENABLE_MATCH_IP] = enable_match_ip_;
   json[SZK_PROTECT_TITLE] = protect_title_;
-  json[SZK_PROTECT_TYPE] = Entry::PROTECT_PASSWORD == protect_type_ ? SZK_PROTECT_PROTECT_PASSWORD
-                           : Entry::PROTECT_USER == protect_type_   ? SZK_PROTECT_PROTECT_USER
-                                                                    : SZK_PROTECT_PROTECT_NONE;
+  json[SZK_PROTECT_TYPE] = TextOf(ProtectNames(), protect_type_, Entry::PROTECT_NONE);
   json[SZK_PROTECT_USERS] = StringArray(get_protect_users());
   json[SZK_PROTECT_GROUPS] = StringArray(get_protect_groups());
-  json[SZK_REDIRECT_TYPE] =
-      Entry::REDIRECT_URLPARAM == redirect_type_ ? SZK_REDIRECT_REDIRECT_URLPARAM
-      : Entry::REDIRECT_ALWAYS == redirect_type_ ? SZK_REDIRECT_REDIRECT_ALWAYS
-                                                 : SZK_REDIRECT_REDIRECT_NONE;
+  json[SZK_REDIRECT_TYPE] = TextOf(RedirectNames(), redirect_type_, Entry::REDIRECT_NONE);
   json[SZK_REDIRECT_URI] = redirect_uri_;
   json[SZK_APP] = app_;
   out = json;
@@ -295,17 +338,14 @@ bool EntryPrivate::FromRow(db::Row const& row) {
     Json::Value const& d = data;
     read.enable_match_ip_ = d[SZK_ENABLE_MATCH_IP].asBool();
     std::string const type = d[SZK_PROTECT_TYPE].asString();
-    read.protect_type_ = SZK_PROTECT_PROTECT_NONE == type       ? Entry::PROTECT_NONE
-                         : SZK_PROTECT_PROTECT_PASSWORD == type ? Entry::PROTECT_PASSWORD
-                                                                : Entry::PROTECT_USER;
+    read.protect_type_ = ValueOf(ProtectNames(), type, Entry::PROTECT_USER);
     read.protect_title_ = d[SZK_PROTECT_TITLE].asString();
     read.protect_password_ = d[SZK_PROTECT_PASSWORD].asString();
     // Only an explicit "default" means the salted digest; older rows hold MD5 digests.
     Json::Value const& algo = d[SZK_PROTECT_PASSWORD_ALGO];
     read.protect_password_algo_ =
-        algo.isString() && SZK_PROTECT_PASSWORD_ALGO_DEFAULT == algo.asString()
-            ? Entry::ENCRYPT_ALGO_DEFAULT
-            : Entry::ENCRYPT_ALGO_MD5;
+        algo.isString() ? ValueOf(AlgoNames(), algo.asString(), Entry::ENCRYPT_ALGO_MD5)
+                        : Entry::ENCRYPT_ALGO_MD5;
     read.protect_password_salt_ = d[SZK_PROTECT_PASSWORD_SALT].asString();
     for (Json::Value const& v : d[SZK_PROTECT_UIDS]) read.protect_uids_.push_back(v.asUInt());
     for (Json::Value const& v : d[SZK_PROTECT_EXTRA_USERS]) {
@@ -316,9 +356,7 @@ bool EntryPrivate::FromRow(db::Row const& row) {
       read.protect_extra_groups_.push_back(v.asString());
     }
     std::string const redirect = d[SZK_REDIRECT_TYPE].asString();
-    read.redirect_type_ = SZK_REDIRECT_REDIRECT_NONE == redirect       ? Entry::REDIRECT_NONE
-                          : SZK_REDIRECT_REDIRECT_URLPARAM == redirect ? Entry::REDIRECT_URLPARAM
-                                                                       : Entry::REDIRECT_ALWAYS;
+    read.redirect_type_ = ValueOf(RedirectNames(), redirect, Entry::REDIRECT_ALWAYS);
     read.redirect_uri_ = d[SZK_REDIRECT_URI].asString();
     read.app_ = d[SZK_APP];
     read.private_data_ =
@@ -486,194 +524,6 @@ std::string EntryPrivate::get_expire_at_str(char const* format) const {
 
 void EntryPrivate::set_expire_at_str(std::string const& text, char const* format) {
   expire_at_ = ParseTimeText(text, format);
-}
-
-// ------------------------------------------------------------------------------- Entry
-
-Entry::Entry() : d_(new EntryPrivate) {}
-Entry::Entry(Entry const& other) : d_(new EntryPrivate(*other.d_)) {}
-// The source keeps a record of its own, so it stays usable; running out of memory here
-// ends the program.
-Entry::Entry(Entry&& other) noexcept
-    // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
-    : d_(new EntryPrivate(std::move(*other.d_))) {}
-
-Entry& Entry::operator=(Entry const& other) {
-  if (this != &other) *d_ = *other.d_;
-  return *this;
-}
-
-Entry& Entry::operator=(Entry&& other) noexcept {
-  if (this != &other) *d_ = std::move(*other.d_);
-  return *this;
-}
-
-Entry::~Entry() { delete d_; }
-
-Object& Entry::GetObject() { return *d_; }
-Object const& Entry::GetCObject() const { return *d_; }
-
-std::vector<std::string> Entry::GetFieldList() const { return d_->GetFieldList(); }
-std::map<std::string, std::string> Entry::GetFieldMap() const { return d_->GetFieldMap(); }
-bool Entry::IsLegal() const { return d_->IsLegal(); }
-bool Entry::IsValid() const { return d_->IsValid(); }
-void Entry::ToJSON(Json::Value& out) const { d_->ToJSON(out); }
-bool Entry::FromRow(db::Row const& row) { return d_->FromRow(row); }
-bool Entry::IsPasswordValid(std::string const& password) const {
-  return d_->IsPasswordValid(password);
-}
-
-int Entry::get_id() const { return d_->get_id(); }
-Entry& Entry::set_id(int id) {
-  d_->set_id(id);
-  return *this;
-}
-
-std::string Entry::get_hash() const { return d_->hash_; }
-Entry& Entry::set_hash(std::string hash) {
-  d_->hash_ = std::move(hash);
-  return *this;
-}
-
-std::string Entry::get_project_name() const { return d_->project_name_; }
-Entry& Entry::set_project_name(std::string const& name) {
-  d_->project_name_ = name;
-  return *this;
-}
-
-bool Entry::get_enabled() const { return d_->enabled_; }
-Entry& Entry::set_enabled(bool const& enabled) {
-  d_->enabled_ = enabled;
-  return *this;
-}
-
-unsigned int Entry::get_owner_uid() const { return d_->owner_uid_; }
-Entry& Entry::set_owner_uid(unsigned int uid) {
-  d_->owner_uid_ = uid;
-  return *this;
-}
-
-std::string Entry::get_owner_user() const { return d_->get_owner_user(); }
-bool Entry::set_owner_user(std::string const& name) { return d_->set_owner_user(name); }
-
-long Entry::get_start_at() const { return d_->start_at_; }
-Entry& Entry::set_start_at(long time) {
-  d_->start_at_ = time;
-  return *this;
-}
-
-long Entry::get_expire_at() const { return d_->expire_at_; }
-Entry& Entry::set_expire_at(long time) {
-  d_->expire_at_ = time;
-  return *this;
-}
-
-int Entry::get_expire_times() const { return d_->expire_times_; }
-Entry& Entry::set_expire_times(int const& times) {
-  d_->set_expire_times(times);
-  return *this;
-}
-
-int Entry::get_use_count() const { return d_->use_count_; }
-Entry& Entry::set_use_count(int const& count) {
-  d_->use_count_ = count;
-  return *this;
-}
-Entry& Entry::inc_use_count() {
-  ++d_->use_count_;
-  return *this;
-}
-
-bool Entry::get_auto_gc() const { return d_->auto_gc_; }
-Entry& Entry::set_auto_gc(bool const& auto_gc) {
-  d_->auto_gc_ = auto_gc;
-  return *this;
-}
-
-bool Entry::get_enable_match_ip() const { return d_->enable_match_ip_; }
-Entry& Entry::set_enable_match_ip(bool enable) {
-  d_->enable_match_ip_ = enable;
-  return *this;
-}
-
-Entry::ProtectType Entry::get_protect_type() const { return d_->protect_type_; }
-Entry& Entry::set_protect_type(ProtectType type) {
-  d_->protect_type_ = type;
-  return *this;
-}
-
-std::string Entry::get_protect_title() const { return d_->protect_title_; }
-Entry& Entry::set_protect_title(std::string const& title) {
-  d_->protect_title_ = title;
-  return *this;
-}
-
-std::string Entry::get_protect_password() const { return d_->protect_password_; }
-Entry::PasswordEncryptAlgo Entry::get_protect_password_algo() const {
-  return d_->protect_password_algo_;
-}
-std::string Entry::get_protect_password_salt() const { return d_->protect_password_salt_; }
-void Entry::set_protect_password(std::string const& password, bool encrypt,
-                                 PasswordEncryptAlgo algo) {
-  d_->set_protect_password(password, encrypt, algo);
-}
-
-std::vector<unsigned int> Entry::get_protect_uids() const { return d_->get_protect_uids(); }
-Entry& Entry::set_protect_uids(std::vector<unsigned int> const& uids) {
-  d_->set_protect_uids(uids);
-  return *this;
-}
-std::vector<unsigned int> Entry::get_protect_gids() const { return d_->get_protect_gids(); }
-Entry& Entry::set_protect_gids(std::vector<unsigned int> const& gids) {
-  d_->set_protect_gids(gids);
-  return *this;
-}
-std::vector<std::string> Entry::get_protect_users() const { return d_->get_protect_users(); }
-void Entry::set_protect_users(std::vector<std::string> const& users) {
-  d_->set_protect_users(users);
-}
-std::vector<std::string> Entry::get_protect_groups() const { return d_->get_protect_groups(); }
-void Entry::set_protect_groups(std::vector<std::string> const& groups) {
-  d_->set_protect_groups(groups);
-}
-
-Entry::RedirectType Entry::get_redirect_type() const { return d_->redirect_type_; }
-Entry& Entry::set_redirect_type(RedirectType type) {
-  d_->redirect_type_ = type;
-  return *this;
-}
-
-std::string Entry::get_redirect_uri() const { return d_->redirect_uri_; }
-Entry& Entry::set_redirect_uri(std::string const& uri) {
-  d_->redirect_uri_ = uri;
-  return *this;
-}
-
-Json::Value Entry::get_app() const { return d_->app_; }
-Entry& Entry::set_app(Json::Value const& app) {
-  d_->app_ = app;
-  return *this;
-}
-
-Json::Value Entry::get_private_data() const { return d_->private_data_; }
-Entry& Entry::set_private_data(Json::Value const& data) {
-  d_->private_data_ = data;
-  return *this;
-}
-
-std::string Entry::get_start_at_str(char const* format) const {
-  return d_->get_start_at_str(format);
-}
-Entry& Entry::set_start_at_str(std::string const& text, char const* format) {
-  d_->set_start_at_str(text, format);
-  return *this;
-}
-std::string Entry::get_expire_at_str(char const* format) const {
-  return d_->get_expire_at_str(format);
-}
-Entry& Entry::set_expire_at_str(std::string const& text, char const* format) {
-  d_->set_expire_at_str(text, format);
-  return *this;
 }
 
 }  // namespace record
