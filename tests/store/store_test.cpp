@@ -16,6 +16,7 @@
 #include "kovasharing/sharing_db.h"
 #include "kovasharing/token_db.h"
 #include "kovatest_db.h"
+#include "store/entry_db_private.h"
 
 namespace {
 
@@ -207,6 +208,25 @@ TEST_F(StoreTest, LookupsEscapeTheirKeysAndReadExpiredRows) {
   token.set_entry_id(plain.get_id());
   ASSERT_TRUE(entries_.GetByToken(token, found) && found.get_hash() == "x");
   kovatest::ClearLogs();
+}
+
+// A login's use is counted by one statement that holds only while the entry is as the login
+// read it and under its limit; otherwise nothing is written and the login reads it again.
+TEST_F(StoreTest, UseIsCountedOnlyUnchangedAndUnderTheLimit) {
+  db::EntryDBPrivate store(db_);
+  Entry limited = MakeEntry("limited", 0, 2, 1), open_ended = MakeEntry("free");
+  ASSERT_TRUE(store.Create(limited.GetObject()) && store.Create(open_ended.GetObject()));
+  ASSERT_TRUE(store.GetByHash("limited", limited) && store.GetByHash("free", open_ended));
+  int count = 0;
+  std::string seen;
+  for (Entry const* entry : {&limited, &limited, &open_ended, &open_ended}) {
+    db::Lookup const counted = store.CountUseIfUnchanged(*entry, count);
+    seen += counted == db::Lookup::kFound ? std::to_string(count) + " " : "absent ";
+  }
+  EXPECT_EQ("2 absent 1 2 ", seen);
+  Exec("UPDATE entry SET enabled = 0 WHERE hash = 'free'");  // changed since it was read
+  EXPECT_EQ(db::Lookup::kAbsent, store.CountUseIfUnchanged(open_ended, count));
+  EXPECT_EQ((Texts{"free 2", "limited 2"}), Set("entry", "hash || ' ' || use_count"));
 }
 
 // Every deletion against one set of rows on both sides of each boundary: expire_at before and
