@@ -11,6 +11,7 @@ target_link_libraries(kovasharing-demo-links PRIVATE kovasharing)
 
 set(KOVA_GATE_CGI_DIR ${CMAKE_INSTALL_LIBDIR}/kovasharing/cgi-bin)
 set(KOVA_GATE_STATIC_DIR ${CMAKE_INSTALL_DATADIR}/kovasharing/gate)
+kova_install_rpath(kovasharing-gate ${KOVA_GATE_CGI_DIR})
 install(TARGETS kovasharing-gate RUNTIME DESTINATION ${KOVA_GATE_CGI_DIR} COMPONENT tools)
 install(FILES tools/gate/static/kovasharing-gate.css DESTINATION ${KOVA_GATE_STATIC_DIR}
   COMPONENT tools)

@@ -12,6 +12,15 @@ else()
   set(KOVA_PC_RPATH "")
 endif()
 
+# The same for a program installed into `dir` (relative to the prefix): it finds the libraries
+# through a run path relative to itself, so a prefix can be moved as a whole.
+function(kova_install_rpath target dir)
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH to_lib /${dir} /${CMAKE_INSTALL_LIBDIR})
+    set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_lib}")
+  endif()
+endfunction()
+
 # Components: runtime (what programs need to run), dev (what building against it needs).
 install(TARGETS kovasharing kovaplatform EXPORT kovasharingTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev

@@ -8,6 +8,7 @@ set_target_properties(kovasharing_cli PROPERTIES OUTPUT_NAME kovasharing
 target_compile_options(kovasharing_cli PRIVATE ${KOVA_WARNINGS})
 target_compile_definitions(kovasharing_cli PRIVATE KOVA_VERSION="${PROJECT_VERSION}")
 target_link_libraries(kovasharing_cli PRIVATE kovasharing kovaplatform)
+kova_install_rpath(kovasharing_cli ${CMAKE_INSTALL_BINDIR})
 install(TARGETS kovasharing_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 
 # Manual pages are installed compressed, as Debian keeps them; -n leaves the name and time

@@ -32,3 +32,8 @@ for prog in "$work/cmake-build/consumer" "$work/pc-consumer" "$work/c-consumer";
   echo "$out"
   grep -q "^consumer ok" <<<"$out"
 done
+
+# The installed programs start from the prefix as they are.
+env -i "$work/stage/bin/kovasharing" --help | grep -q "^Usage: kovasharing"
+env -i REQUEST_METHOD=GET "$work/stage/lib/kovasharing/cgi-bin/kovasharing-gate" |
+  grep -q "^Status: 404"
