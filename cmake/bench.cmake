@@ -35,7 +35,8 @@ add_executable(kova_bench_cold_floor bench/cold_floor.cpp)
 target_link_libraries(kova_bench_cold_floor PRIVATE kova_bench_floor)
 target_compile_options(kova_bench_cold_floor PRIVATE ${KOVA_WARNINGS})
 
-add_executable(kova_bench bench/kova_bench.cpp bench/floor_login.cpp)
+add_executable(kova_bench bench/kova_bench.cpp bench/bench_common.cpp bench/seed.cpp
+  bench/inproc.cpp bench/worker.cpp bench/floor_login.cpp)
 # The platform library too, for its count of log restarts.
 target_include_directories(kova_bench PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/platform/include)
 target_link_libraries(kova_bench PRIVATE kovasharing kovaplatform kova_bench_floor
