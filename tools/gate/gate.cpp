@@ -12,6 +12,7 @@
 // been planted by somebody else), kept in a cookie of its own per link, scoped to the gate's
 // path; a visitor the link already lets in keeps the session it has. The login runs quiet, so
 // that no login, however successful, clears the address's count of failed logins.
+#include <arpa/inet.h>
 #include <ctype.h>
 #include <json/writer.h>
 #include <kova_autoblock.h>
@@ -25,6 +26,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -86,6 +88,81 @@ bool IsSafeTarget(std::string const& target) {
 
 bool IsHttps() { return strcasecmp(Env("HTTPS").c_str(), "on") == 0; }
 
+// An IPv4 or IPv6 address in its canonical text form; "" for anything else.
+std::string CanonicalAddress(std::string const& text) {
+  unsigned char bytes[sizeof(in6_addr)];
+  char out[INET6_ADDRSTRLEN];
+  for (int const family : {AF_INET, AF_INET6}) {
+    if (inet_pton(family, text.c_str(), bytes) == 1 &&
+        inet_ntop(family, bytes, out, sizeof out) != nullptr) {
+      return out;
+    }
+  }
+  return "";
+}
+
+// The items of a list separated by commas or blanks, each without its blanks.
+std::vector<std::string> ListItems(std::string const& text) {
+  std::vector<std::string> items;
+  std::string item;
+  for (char const c : text + ",") {
+    if (c == ',' || isspace(static_cast<unsigned char>(c))) {
+      if (!item.empty()) items.push_back(item);
+      item.clear();
+    } else {
+      item += c;
+    }
+  }
+  return items;
+}
+
+// Behind a reverse proxy the web server's REMOTE_ADDR is the proxy. When it is one of the
+// addresses in KOVASHARING_GATE_TRUSTED_PROXIES, and only then, the proxy's X-Forwarded-*
+// headers are believed: the client is the last address of X-Forwarded-For that is not itself
+// a trusted proxy (what is left of it came from the client and proves nothing), the request
+// came over HTTPS when X-Forwarded-Proto says so, and X-Forwarded-Host is the host the
+// visitor asked for. The gate rewrites its CGI variables accordingly, so that the library's
+// address checks and blocking, the cookies and the form's origin check all see the visitor.
+void BelieveTrustedProxy() {
+  std::vector<std::string> trusted;
+  for (auto const& item : ListItems(Env("KOVASHARING_GATE_TRUSTED_PROXIES"))) {
+    std::string const address = CanonicalAddress(item);
+    if (!address.empty()) trusted.push_back(address);
+  }
+  auto const is_trusted = [&trusted](std::string const& address) {
+    return std::find(trusted.begin(), trusted.end(), address) != trusted.end();
+  };
+  if (!is_trusted(CanonicalAddress(Env("REMOTE_ADDR")))) return;
+  std::vector<std::string> const hops = ListItems(Env("HTTP_X_FORWARDED_FOR"));
+  for (auto hop = hops.rbegin(); hop != hops.rend(); ++hop) {
+    std::string const address = CanonicalAddress(*hop);
+    if (address.empty()) break;  // not an address: the proxy did not write it
+    setenv("REMOTE_ADDR", address.c_str(), 1);
+    if (!is_trusted(address)) break;
+  }
+  std::string const proto = Env("HTTP_X_FORWARDED_PROTO");
+  if (strcasecmp(proto.c_str(), "https") == 0) setenv("HTTPS", "on", 1);
+  if (strcasecmp(proto.c_str(), "http") == 0) unsetenv("HTTPS");
+  std::string const host = Env("HTTP_X_FORWARDED_HOST");
+  if (!host.empty() && IsPlainUrlText(host) && host.find('/') == std::string::npos) {
+    setenv("HTTP_HOST", host.c_str(), 1);
+  }
+}
+
+// The origin of a stylesheet on another server ("https://host[:port]"), for the content
+// security policy; "" for a path on this server or an address that names no plain host.
+std::string StylesheetOrigin(std::string const& stylesheet) {
+  size_t const scheme = stylesheet.find("://");
+  if (scheme == std::string::npos) return "";
+  size_t const end = stylesheet.find_first_of("/?#", scheme + 3);
+  std::string const origin = stylesheet.substr(0, end);
+  for (size_t i = scheme + 3; i < origin.size(); ++i) {
+    char const c = origin[i];
+    if (!isalnum(static_cast<unsigned char>(c)) && strchr(".-:[]", c) == nullptr) return "";
+  }
+  return origin.size() > scheme + 3 ? origin : "";
+}
+
 // The failed login of an address whose attempt the gate holds: counted as any guess is.
 void CountFailure(std::string const& address) { AutoBlockFailLoginSet(address.c_str(), "SHARING"); }
 
@@ -112,6 +189,7 @@ class Gate {
   // 500, with one line on standard error (the web server's error log) and in the system log.
   Reply Failure(char const* what) const;
   KOVA_CGI_HANDLE cgi() const { return cgi_; }
+  std::string const& stylesheet() const { return stylesheet_; }
 
  private:
   std::string Param(char const* name, int flags = 0) const {
@@ -419,6 +497,7 @@ Reply Gate::HandleLogout() {
 }
 
 Reply Gate::Handle() {
+  BelieveTrustedProxy();
   std::string const script = Env("SCRIPT_NAME");
   if (IsPlainUrlText(script) && script[0] == '/') script_ = script;
   std::string const stylesheet = Env("KOVASHARING_GATE_STYLESHEET");
@@ -478,13 +557,15 @@ Reply Gate::Handle() {
   return HandleLogin();
 }
 
-void Print(Reply const& reply, bool with_body, char const* cookies) {
+void Print(Reply const& reply, bool with_body, char const* cookies, std::string const& stylesheet) {
   std::string out = std::string("Status: ") + kovagate::StatusText(reply.status) + "\r\n";
   out += "Content-Type: text/html; charset=utf-8\r\n";
   out += "Cache-Control: no-store\r\n";
-  out +=
-      "Content-Security-Policy: default-src 'none'; style-src 'self'; frame-ancestors 'none'; "
-      "base-uri 'none'\r\n";
+  // The stylesheet may come from another server, which then is the one other source allowed.
+  std::string const style_origin = StylesheetOrigin(stylesheet);
+  out += "Content-Security-Policy: default-src 'none'; style-src 'self'" +
+         (style_origin.empty() ? "" : " " + style_origin) +
+         "; frame-ancestors 'none'; base-uri 'none'\r\n";
   out += "X-Content-Type-Options: nosniff\r\n";
   out += "X-Frame-Options: DENY\r\n";
   // The link's hash is its key: no other site may see it as a referrer. (With no referrer at
@@ -511,6 +592,7 @@ int main() {
     reply = gate.Failure("unexpected failure");
   }
   // The cookie headers belong to the request handle, which the gate keeps to the end.
-  Print(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()));
+  Print(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()),
+        gate.stylesheet());
   return 0;
 }
