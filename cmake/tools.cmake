@@ -2,12 +2,16 @@
 # library, and the platform's for the failed-login store), so it can use nothing but their
 # exported API, as any application would.
 add_executable(kovasharing_cli tools/cli/main.cpp tools/cli/args.cpp tools/cli/commands.cpp
-  tools/cli/output.cpp)
+  tools/cli/links.cpp tools/cli/output.cpp)
 set_target_properties(kovasharing_cli PROPERTIES OUTPUT_NAME kovasharing
   RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tools)
 target_compile_options(kovasharing_cli PRIVATE ${KOVA_WARNINGS})
 target_compile_definitions(kovasharing_cli PRIVATE KOVA_VERSION="${PROJECT_VERSION}")
-target_link_libraries(kovasharing_cli PRIVATE kovasharing kovaplatform)
+# libqrencode draws the links' QR codes.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(QRENCODE REQUIRED IMPORTED_TARGET libqrencode)
+target_include_directories(kovasharing_cli PRIVATE ${CMAKE_BINARY_DIR}/generated)
+target_link_libraries(kovasharing_cli PRIVATE kovasharing kovaplatform PkgConfig::QRENCODE)
 kova_install_rpath(kovasharing_cli ${CMAKE_INSTALL_BINDIR})
 install(TARGETS kovasharing_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
 

@@ -48,9 +48,21 @@ class Args {
 // Value conversions; `option` names the option in the message ("--max-uses").
 int ParseCount(std::string const& text, std::string const& option, int min, int max);
 bool ParseYesNo(std::string const& text, std::string const& option);
-// A local "YYYY-MM-DD HH:MM:SS" into seconds since the epoch; "" and "none" give 0 (unset).
+// A time into seconds since the epoch: "YYYY-MM-DD" (the last second of that local day),
+// "YYYY-MM-DD HH:MM:SS" or "YYYY-MM-DDTHH:MM[:SS]" (local), either with a zone ("Z",
+// "+01:00", "-0500"), or "+7d", "+12h", "+30m", "+2w" from now; "" and "none" give 0 (unset).
 long ParseTime(std::string const& text, std::string const& option);
+
+// Deepest nesting of the JSON the tool accepts.
+int const kMaxJsonDepth = 100;
 Json::Value ParseJsonObject(std::string const& text, std::string const& option);
+
+// An option's value as given, or read from a file ("@path") or standard input ("-").
+std::string ReadValue(std::string const& text, std::string const& option);
+
+bool IsUtf8(std::string const& text);
+// A usage error naming `what` unless `text` is UTF-8.
+void CheckUtf8(std::string const& text, std::string const& what);
 
 }  // namespace kovacli
 

@@ -8,14 +8,17 @@
 #include <arpa/inet.h>
 #include <kova_autoblock.h>
 #include <kovasharing/kovasharing.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "help.h"
+#include "links.h"
 #include "output.h"
 #include "status.h"
 
@@ -82,6 +85,21 @@ Entry LoadEntry(EntryDB const& store, std::string const& hash) {
   return entry;
 }
 
+// The first argument: a hash, or a whole link as create prints it (its sharing_id).
+std::string HashArgument(Args const& args) {
+  std::string const& text = args.positional()[0];
+  size_t const query = text.find('?');
+  if (query == std::string::npos || text.find("://") == std::string::npos) return text;
+  std::string const key = "sharing_id=";
+  for (size_t at = query; at != std::string::npos; at = text.find('&', at + 1)) {
+    if (text.compare(at + 1, key.size(), key) == 0) {
+      size_t const start = at + 1 + key.size();
+      return text.substr(start, text.find_first_of("&#", start) - start);
+    }
+  }
+  return text;
+}
+
 unsigned int UserId(std::string const& name) {
   unsigned int uid = UID_ERR;
   if (!KOVA::sharing::UserToUID(name, uid)) {
@@ -134,6 +152,18 @@ void CheckNames(Args const& args, std::vector<std::string> const& names, bool gr
                                     OneLine(name) + "\" (--allow-unknown keeps it by name)");
     }
   }
+}
+
+// The text of an option that may come from a file ("@path") or standard input ("-"), read
+// once per run like the password. At most one value can come from standard input.
+std::string ValueText(Args const& args, std::string const& name) {
+  static std::map<std::string, std::string> read;
+  auto const found = read.find(name);
+  if (found != read.end()) return found->second;
+  int from_stdin = args.Has("password-stdin") ? 1 : 0;
+  for (char const* option : {"app", "private-data"}) from_stdin += args.Get(option) == "-";
+  if (from_stdin > 1) UsageError(args.command(), "only one value can come from standard input");
+  return read[name] = ReadValue(args.Get(name), "--" + name);
 }
 
 struct Applied {
@@ -245,11 +275,11 @@ Applied ApplyFields(Args const& args, Entry& entry) {
     applied.any = true;
   }
   if (args.Has("app")) {
-    entry.set_app(ParseJsonObject(args.Get("app"), "--app"));
+    entry.set_app(ParseJsonObject(ValueText(args, "app"), "--app"));
     applied.any = true;
   }
   if (args.Has("private-data")) {
-    entry.set_private_data(ParseJsonObject(args.Get("private-data"), "--private-data"));
+    entry.set_private_data(ParseJsonObject(ValueText(args, "private-data"), "--private-data"));
     applied.any = true;
   }
   return applied;
@@ -269,6 +299,7 @@ void CheckStorable(std::string const& cmd, BaseDB& db, Entry const& entry) {
 
 void PrintEntryFields(Entry const& entry, Json::Value const& json) {
   static char const* const kOrder[] = {"hash",
+                                       "link",
                                        "project_name",
                                        "enabled",
                                        "owner_user",
@@ -287,6 +318,7 @@ void PrintEntryFields(Entry const& entry, Json::Value const& json) {
                                        "app"};
   Table table({"FIELD", "VALUE"});
   for (char const* key : kOrder) {
+    if (std::string(key) == "link" && !json.isMember(key)) continue;  // no base address set
     // An owner whose account is gone still has a number worth showing.
     table.Add({key, std::string(key) == "owner_user" ? OwnerText(entry) : Cell(json[key])});
   }
@@ -295,6 +327,9 @@ void PrintEntryFields(Entry const& entry, Json::Value const& json) {
 
 // ---------------------------------------------------------------- create
 
+char const kQrNeedsBase[] =
+    "--qr needs the gate's web address: kovasharing config base-url URL, or --base-url URL";
+
 int RunCreate(Args const& args) {
   args.ExpectPositional(0, "");
   if (!args.Has("project")) UsageError("create", "--project is required");
@@ -302,21 +337,49 @@ int RunCreate(Args const& args) {
   Entry entry;
   entry.set_app(Json::Value(Json::objectValue));
   ApplyFields(args, entry);
+  // A link nobody could ever open is more likely a mistake in a date than the wish.
+  long const now = static_cast<long>(time(nullptr));
+  std::string const doubt =
+      entry.get_expire_at() != 0 && entry.get_expire_at() <= now
+          ? "the link would be expired already"
+      : entry.get_expire_at() != 0 && entry.get_expire_at() < entry.get_start_at()
+          ? "the link would end before it starts"
+          : "";
+  if (!doubt.empty() && !args.Has("force")) {
+    UsageError("create", doubt + " (--expire-at " + TimeText(entry.get_expire_at()) +
+                             "); --force creates it anyway");
+  }
   SharingDB& db = Database();
   CheckStorable("create", db, entry);
   EntryDB store(db);
+  std::string const base = BaseUrl(args);  // a wrong one is refused before anything is made
+  if (args.Has("qr") && base.empty()) UsageError("create", kQrNeedsBase);
   if (!store.CreateWithHash(entry)) DatabaseFailure(db, "cannot store the entry");
+  std::string const link = LinkOf(base, entry.get_hash());
   if (WantsJson(args)) {
     Json::Value out;
     entry.ToJSON(out);
+    if (!link.empty()) out["link"] = link;
     PrintJson(std::cout, out);
   } else {
-    std::cout << entry.get_hash() << "\n";
+    // Without a base address the hash alone, as scripts have always read it.
+    std::cout << (link.empty() ? entry.get_hash() : link) << "\n";
+    if (args.Has("qr")) PrintQr(std::cout, link);
   }
   return kOk;
 }
 
 // ---------------------------------------------------------------- list
+
+// A LIKE pattern that finds `text` anywhere, its wildcards taken literally (escaped with '\').
+std::string ContainsPattern(BaseDB& db, std::string const& text) {
+  std::string escaped;
+  for (char const c : text) {
+    if (c == '%' || c == '_' || c == '\\') escaped += '\\';
+    escaped += c;
+  }
+  return "'%" + db.Escape(escaped) + "%' ESCAPE '\\'";
+}
 
 int RunList(Args const& args) {
   args.ExpectPositional(0, "");
@@ -327,6 +390,13 @@ int RunList(Args const& args) {
   bool const enabled = by_enabled && ParseYesNo(args.Get("enabled"), "--enabled");
   bool const by_expired = args.Has("expired");
   bool const expired = by_expired && ParseYesNo(args.Get("expired"), "--expired");
+  std::string const sort = args.Get("sort", "created");
+  if (sort != "created" && sort != "expiry" && sort != "uses" && sort != "owner") {
+    UsageError("list", "--sort: \"" + OneLine(sort) + "\" is not created, expiry, uses or owner");
+  }
+  std::string const search = args.Get("search");
+  if (args.Has("search") && search.empty()) UsageError("list", "--search: the text is empty");
+  std::string const base = BaseUrl(args);
   SharingDB& db = Database();
   long const now = static_cast<long>(time(nullptr));
 
@@ -337,14 +407,39 @@ int RunList(Args const& args) {
     if (args.Has("project")) condition.Where("project_name", args.Get("project"));
     if (by_enabled) condition.Where("enabled", enabled ? "1" : "0");
     if (by_expired) condition.Where((expired ? "" : "NOT ") + EntryDB::ExpiredCondition(now));
+    if (!search.empty()) {
+      // The hash, project and title contain the text (ASCII letters in either case), or the
+      // text is the owner's account name. The title is kept in the row's JSON; a row whose
+      // JSON is damaged is matched on the rest.
+      std::string const pattern = ContainsPattern(db, search);
+      std::string any = "(hash LIKE " + pattern + " OR project_name LIKE " + pattern +
+                        " OR (json_valid(data) AND json_extract(data, '$.' || '" +
+                        KOVA::sharing::SZK_PROTECT_TITLE + "') LIKE " + pattern + ")";
+      unsigned int uid = UID_ERR;
+      if (KOVA::sharing::UserToUID(search, uid)) any += " OR owner_uid = " + std::to_string(uid);
+      condition.Where(any + ")");
+    }
     return condition;
   };
   int total = 0;
   filter(store.GetCondition());
   if (!store.Count(total)) DatabaseFailure(db, "cannot count the entries");
   std::vector<Entry> entries;
-  filter(store.GetCondition()).OrderBy("id", true).Page(page, size);
+  Condition& query = filter(store.GetCondition());
+  if (sort == "expiry") query.OrderBy("expire_at = 0", true).OrderBy("expire_at", true);
+  if (sort == "uses") query.OrderBy("use_count", false);
+  query.OrderBy("id", true);
+  // Owners sort by account name, which only the account database knows: every row is read
+  // and the page cut out here.
+  if (sort != "owner") query.Page(page, size);
   if (!store.Query(entries)) DatabaseFailure(db, "cannot read the entries");
+  if (sort == "owner") {
+    std::stable_sort(entries.begin(), entries.end(),
+                     [](Entry const& a, Entry const& b) { return OwnerText(a) < OwnerText(b); });
+    size_t const first = std::min(entries.size(), static_cast<size_t>(page - 1) * size);
+    entries.erase(entries.begin(), entries.begin() + static_cast<long>(first));
+    if (entries.size() > static_cast<size_t>(size)) entries.resize(static_cast<size_t>(size));
+  }
 
   if (WantsJson(args)) {
     Json::Value out(Json::objectValue);
@@ -355,19 +450,22 @@ int RunList(Args const& args) {
     for (auto const& entry : entries) {
       Json::Value item;
       entry.ToJSON(item);
+      if (!base.empty()) item["link"] = LinkOf(base, entry.get_hash());
       out["entries"].append(item);
     }
     PrintJson(std::cout, out);
     return kOk;
   }
-  Table table({"HASH", "PROJECT", "OWNER", "ENABLED", "START", "EXPIRE", "USES", "PROTECTION"});
+  Table table({base.empty() ? "HASH" : "LINK", "PROJECT", "OWNER", "ENABLED", "START", "EXPIRE",
+               "USES", "PROTECTION"});
   for (auto const& entry : entries) {
     Json::Value json;
     entry.ToJSON(json);
     std::string const limit =
         entry.get_expire_times() == 0 ? "-" : std::to_string(entry.get_expire_times());
-    table.Add({entry.get_hash(), Cell(json["project_name"]), OwnerText(entry),
-               Cell(json["enabled"]), Cell(json["start_at"]), Cell(json["expire_at"]),
+    table.Add({base.empty() ? entry.get_hash() : LinkOf(base, entry.get_hash()),
+               Cell(json["project_name"]), OwnerText(entry), Cell(json["enabled"]),
+               Cell(json["start_at"]), Cell(json["expire_at"]),
                std::to_string(entry.get_use_count()) + "/" + limit, Cell(json["protect_type"])});
   }
   table.Print(std::cout);
@@ -419,10 +517,13 @@ int RunShow(Args const& args) {
   args.ExpectPositional(1, "HASH");
   SharingDB& db = Database();
   EntryDB store(db);
-  Entry const entry = LoadEntry(store, args.positional()[0]);
+  Entry const entry = LoadEntry(store, HashArgument(args));
+  std::string const link = LinkOf(BaseUrl(args), entry.get_hash());
+  if (args.Has("qr") && link.empty()) UsageError("show", kQrNeedsBase);
   std::vector<LiveSession> const live = LiveSessions(db, entry);
   Json::Value out;
   entry.ToJSON(out);
+  if (!link.empty()) out["link"] = link;
   if (WantsJson(args)) {
     out["sessions"] = Json::Value(Json::arrayValue);
     for (auto const& s : live) {
@@ -437,6 +538,7 @@ int RunShow(Args const& args) {
     return kOk;
   }
   PrintEntryFields(entry, out);
+  if (args.Has("qr")) PrintQr(std::cout << "\n", link);
   std::cout << "\n"
             << live.size() << (live.size() == 1 ? " live session" : " live sessions") << "\n";
   if (live.empty()) return kOk;
@@ -456,7 +558,7 @@ int RunUpdate(Args const& args) {
   SharingDB& db = Database();
   EntryDB store(db);
   TokenDB tokens(db);
-  std::string const hash = args.positional()[0];
+  std::string const hash = HashArgument(args);
   // Every value is checked (and a password read) on the entry as first read, before anything
   // is locked.
   Entry entry = LoadEntry(store, hash);
@@ -511,7 +613,7 @@ int RunDelete(Args const& args) {
   EntryDB store(db);
   if (!by_owner) {
     // The entry's tokens go with it (the schema's trigger), in the same statement.
-    Entry const entry = LoadEntry(store, args.positional()[0]);
+    Entry const entry = LoadEntry(store, HashArgument(args));
     Transaction transaction(db);
     if (!store.Delete(entry)) DatabaseFailure(db, "cannot delete the entry");
     transaction.Commit();
@@ -532,43 +634,65 @@ int RunDelete(Args const& args) {
 
 // ---------------------------------------------------------------- purge
 
-int RunPurge(Args const& args) {
-  args.ExpectPositional(0, "");
-  bool const all = args.Has("all");
-  SharingDB& db = Database();
+struct Purged {
+  int entries = 0, sessions = 0, tokens = 0;
+};
+
+std::string PurgedText(Purged const& n) {
+  return std::to_string(n.entries) + (n.entries == 1 ? " entry, " : " entries, ") +
+         std::to_string(n.sessions) + (n.sessions == 1 ? " session, " : " sessions, ") +
+         std::to_string(n.tokens) + (n.tokens == 1 ? " token" : " tokens");
+}
+
+// Purges inside one transaction and counts what went; a trial rolls it all back.
+Purged Purge(SharingDB& db, bool all, bool trial) {
   EntryDB entries(db);
   SessionDB sessions(db);
   TokenDB tokens(db);
-  int removed[3] = {0, 0, 0};
-  {
-    Transaction transaction(db);
-    int before[3] = {0, 0, 0};
-    int after[3] = {0, 0, 0};
-    before[0] = CountRows(db, entries, "entries");
-    before[1] = CountRows(db, sessions, "sessions");
-    before[2] = CountRows(db, tokens, "tokens");
-    // The tokens of purged entries and sessions go with them (the schema's triggers).
-    bool const purged_entries =
-        all ? entries.PurgeExpiredByOwnerProject(UID_ERR, "") : entries.PurgeExpired(1.0f);
-    if (!purged_entries) DatabaseFailure(db, "cannot purge the entries");
-    if (!sessions.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the sessions");
-    if (!tokens.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the tokens");
-    after[0] = CountRows(db, entries, "entries");
-    after[1] = CountRows(db, sessions, "sessions");
-    after[2] = CountRows(db, tokens, "tokens");
-    transaction.Commit();
-    for (int i = 0; i < 3; ++i) removed[i] = before[i] - after[i];
+  Transaction transaction(db);
+  Purged before, after;
+  before = {CountRows(db, entries, "entries"), CountRows(db, sessions, "sessions"),
+            CountRows(db, tokens, "tokens")};
+  // The tokens of purged entries and sessions go with them (the schema's triggers).
+  bool const purged_entries =
+      all ? entries.PurgeExpiredByOwnerProject(UID_ERR, "") : entries.PurgeExpired(1.0f);
+  if (!purged_entries) DatabaseFailure(db, "cannot purge the entries");
+  if (!sessions.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the sessions");
+  if (!tokens.PurgeExpired(1.0f)) DatabaseFailure(db, "cannot purge the tokens");
+  after = {CountRows(db, entries, "entries"), CountRows(db, sessions, "sessions"),
+           CountRows(db, tokens, "tokens")};
+  if (!trial) transaction.Commit();
+  return {before.entries - after.entries, before.sessions - after.sessions,
+          before.tokens - after.tokens};
+}
+
+int RunPurge(Args const& args) {
+  args.ExpectPositional(0, "");
+  bool const all = args.Has("all");
+  bool const dry_run = args.Has("dry-run");
+  SharingDB& db = Database();
+  // A person at a terminal is told what goes, and asked, before it goes.
+  if (!dry_run && !args.Has("yes") && !WantsJson(args) && isatty(STDIN_FILENO) &&
+      isatty(STDOUT_FILENO)) {
+    std::cout << "This purges " << PurgedText(Purge(db, all, true)) << ". Go on? [y/N] "
+              << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != "y" && answer != "yes") {
+      std::cout << "nothing purged\n";
+      return kOk;
+    }
   }
+  Purged const removed = Purge(db, all, dry_run);
   if (WantsJson(args)) {
     Json::Value out(Json::objectValue);
-    out["entries"] = removed[0];
-    out["sessions"] = removed[1];
-    out["tokens"] = removed[2];
+    out["entries"] = removed.entries;
+    out["sessions"] = removed.sessions;
+    out["tokens"] = removed.tokens;
+    if (dry_run) out["dry_run"] = true;
     PrintJson(std::cout, out);
   } else {
-    std::cout << "purged " << removed[0] << (removed[0] == 1 ? " entry, " : " entries, ")
-              << removed[1] << (removed[1] == 1 ? " session, " : " sessions, ") << removed[2]
-              << (removed[2] == 1 ? " token" : " tokens") << "\n";
+    std::cout << (dry_run ? "would purge " : "purged ") << PurgedText(removed) << "\n";
   }
   return kOk;
 }
@@ -577,7 +701,7 @@ int RunPurge(Args const& args) {
 
 int RunLogout(Args const& args) {
   args.ExpectPositional(2, "HASH and SESSION_ID");
-  std::string const& hash = args.positional()[0];
+  std::string const hash = HashArgument(args);
   std::string const& sid = args.positional()[1];
   SharingDB& db = Database();
   {
@@ -690,6 +814,8 @@ std::vector<OptionSpec> const kFieldOptions = {{"project", true, false},
                                                {"app", true, false},
                                                {"private-data", true, false},
                                                {"json", false, false}};
+OptionSpec const kBaseUrl = {"base-url", true, false};
+OptionSpec const kQr = {"qr", false, false};
 
 std::vector<OptionSpec> With(std::vector<OptionSpec> options, std::vector<OptionSpec> const& more) {
   options.insert(options.end(), more.begin(), more.end());
@@ -700,7 +826,8 @@ std::vector<OptionSpec> With(std::vector<OptionSpec> options, std::vector<Option
 
 std::vector<Command> const& Commands() {
   static std::vector<Command> const commands = {
-      {"create", "make a new link and print its hash", kCreateHelp, kFieldOptions, RunCreate},
+      {"create", "make a new link and print it", kCreateHelp,
+       With(kFieldOptions, {kBaseUrl, kQr, {"force", false, false}}), RunCreate},
       {"list",
        "list links, filtered and paged",
        kListHelp,
@@ -710,9 +837,16 @@ std::vector<Command> const& Commands() {
         {"expired", true, false},
         {"page", true, false},
         {"page-size", true, false},
+        {"search", true, false},
+        {"sort", true, false},
+        kBaseUrl,
         {"json", false, false}},
        RunList},
-      {"show", "show one link and its live sessions", kShowHelp, {{"json", false, false}}, RunShow},
+      {"show",
+       "show one link and its live sessions",
+       kShowHelp,
+       {kBaseUrl, kQr, {"json", false, false}},
+       RunShow},
       {"update", "change fields of a link", kUpdateHelp,
        With(kFieldOptions, {{"use-count", true, false}}), RunUpdate},
       {"delete",
@@ -723,7 +857,10 @@ std::vector<Command> const& Commands() {
       {"purge",
        "delete expired links, sessions and tokens",
        kPurgeHelp,
-       {{"all", false, false}, {"json", false, false}},
+       {{"all", false, false},
+        {"dry-run", false, false},
+        {"yes", false, false},
+        {"json", false, false}},
        RunPurge},
       {"logout",
        "end one visitor session's access to a link",
@@ -740,6 +877,7 @@ std::vector<Command> const& Commands() {
        kUnblockHelp,
        {{"json", false, false}},
        RunUnblock},
+      {"config", "show or set the gate's web address for links", kConfigHelp, {}, RunConfig},
   };
   return commands;
 }

@@ -15,7 +15,9 @@ inline constexpr char kOverviewHead[] =
 
 inline constexpr char kOverviewTail[] =
     "\n"
-    "Every command takes --help, and --json for output that scripts read. Times are local\n"
+    "Every command takes --help, and --json for output that scripts read. Times are read as\n"
+    "YYYY-MM-DD (the end of that day), local YYYY-MM-DD HH:MM:SS, ISO 8601 with a time zone\n"
+    "(2027-01-31T12:00:00+01:00), or +7d, +12h, +30m, +2w from now; printed as local\n"
     "\"YYYY-MM-DD HH:MM:SS\" texts.\n"
     "\n"
     "Exit status:\n"
@@ -33,8 +35,8 @@ inline constexpr char kOverviewTail[] =
   "  --project NAME          project or application the link belongs to\n"             \
   "  --owner USER            owning user (must exist)\n"                               \
   "  --enabled yes|no        switched on (default yes)\n"                              \
-  "  --start-at TIME         usable from this local time (\"none\": no start limit)\n" \
-  "  --expire-at TIME        usable until this local time (\"none\": never expires)\n" \
+  "  --start-at TIME         usable from this time (\"none\": no start limit)\n"       \
+  "  --expire-at TIME        usable until this time (\"none\": never expires)\n"       \
   "  --max-uses N            number of uses allowed (0: unlimited)\n"                  \
   "  --auto-gc yes|no        may be purged once expired (default yes)\n"               \
   "  --match-ip yes|no       a visitor keeps the address of the login (default yes)\n" \
@@ -48,22 +50,29 @@ inline constexpr char kOverviewTail[] =
   "  --title TEXT            title shown with the protection\n"                        \
   "  --redirect TYPE         none, url_param or always\n"                              \
   "  --redirect-uri URI      where the link redirects\n"                               \
-  "  --app JSON              the application's object (default {})\n"                  \
-  "  --private-data JSON     the application's private object\n"                       \
+  "  --app JSON              the application's object (default {}); @FILE reads it\n"  \
+  "                          from a file, - from standard input\n"                     \
+  "  --private-data JSON     the application's private object (@FILE and - too)\n"     \
   "  --json                  print the link as JSON\n"
 
 inline constexpr char kCreateHelp[] =
     "Usage: kovasharing create --project NAME --owner USER [OPTIONS]\n"
     "\n"
-    "Makes a new link under a fresh random hash and prints the hash. Protection is one of\n"
-    "a password, a list of users and groups, or none (the default).\n"
+    "Makes a new link under a fresh random hash and prints it: the whole link when the\n"
+    "gate's web address is known (kovasharing config base-url URL), else the hash.\n"
+    "Protection is one of a password, a list of users and groups, or none (the default).\n"
+    "A link that would be expired already, or end before it starts, is refused unless\n"
+    "--force is given.\n"
     "\n"
-    "Options:\n" KOVA_CLI_FIELD_HELP;
+    "Options:\n" KOVA_CLI_FIELD_HELP
+    "  --base-url URL          the gate's web address for this run\n"
+    "  --qr                    print the link as a QR code as well\n"
+    "  --force                 make the link even if it cannot be opened yet or ever\n";
 
 inline constexpr char kListHelp[] =
     "Usage: kovasharing list [OPTIONS]\n"
     "\n"
-    "Lists links, oldest first, one page at a time.\n"
+    "Lists links, oldest first (or as --sort says), one page at a time.\n"
     "\n"
     "Options:\n"
     "  --owner USER       only links of this owner\n"
@@ -72,14 +81,20 @@ inline constexpr char kListHelp[] =
     "  --expired yes|no   only links past their expiry or use limit (yes), or the others\n"
     "  --page N           page to show, from 1 (default 1)\n"
     "  --page-size N      links per page (default 50)\n"
+    "  --search TEXT      only links whose hash, project or title contains TEXT, or whose\n"
+    "                     owner is the account TEXT\n"
+    "  --sort ORDER       created (default), expiry (soonest first, never last), uses\n"
+    "                     (most first) or owner (by account name)\n"
+    "  --base-url URL     the gate's web address for this run: links instead of hashes\n"
     "  --json             print {\"total\", \"page\", \"page_size\", \"entries\"} as JSON\n";
 
 inline constexpr char kShowHelp[] =
-    "Usage: kovasharing show HASH [--json]\n"
+    "Usage: kovasharing show HASH [--base-url URL] [--qr] [--json]\n"
     "\n"
-    "Shows every field of one link and the visitor sessions logged in to it now: session\n"
-    "id, address, account and when the access ends. With --json, the link's JSON form with\n"
-    "a \"sessions\" array added.\n";
+    "Shows every field of one link (with the whole link when the gate's web address is\n"
+    "known; --qr prints it as a QR code) and the visitor sessions logged in to it now:\n"
+    "session id, address, account and when the access ends. With --json, the link's JSON\n"
+    "form with a \"sessions\" array added.\n";
 
 inline constexpr char kUpdateHelp[] =
     "Usage: kovasharing update HASH OPTIONS\n"
@@ -98,11 +113,12 @@ inline constexpr char kDeleteHelp[] =
     "prints how many links went.\n";
 
 inline constexpr char kPurgeHelp[] =
-    "Usage: kovasharing purge [--all] [--json]\n"
+    "Usage: kovasharing purge [--all] [--dry-run] [--yes] [--json]\n"
     "\n"
     "Deletes links past their expiry time or use limit (those that allow automatic\n"
     "collection; with --all every one), and expired visitor sessions and tokens. Prints\n"
-    "how many of each went.\n";
+    "how many of each went. On a terminal it first says how many would go and asks\n"
+    "(--yes does not ask); --dry-run only counts them and deletes nothing.\n";
 
 inline constexpr char kLogoutHelp[] =
     "Usage: kovasharing logout HASH SESSION_ID [--json]\n"
@@ -122,6 +138,13 @@ inline constexpr char kUnblockHelp[] =
     "\n"
     "Clears the failed logins of an address (or of an IPv6 prefix written as listed,\n"
     "\"PREFIX/64\"), so that it is no longer blocked.\n";
+
+inline constexpr char kConfigHelp[] =
+    "Usage: kovasharing config base-url [URL|none]\n"
+    "\n"
+    "Shows or sets the gate's web address (for example https://nas.example/share), which\n"
+    "create, show and list put before a hash to print the whole link; \"none\" removes it.\n"
+    "Kept for every user of this machine.\n";
 
 }  // namespace kovacli
 

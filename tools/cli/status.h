@@ -12,7 +12,7 @@ enum Status : int {
   kOk = 0,
   kInternal = 1,        // an unexpected failure inside the tool
   kUsage = 2,           // bad command line: unknown option, missing or malformed value
-  kBadTime = 3,         // a time text that is not a valid local "YYYY-MM-DD HH:MM:SS"
+  kBadTime = 3,         // a time text that names no valid time
   kUnknownHash = 4,     // no (readable) entry with that hash
   kUnknownUser = 5,     // a user or group name that does not resolve
   kUnknownSession = 6,  // no live session with that id, or it is not logged in to the link
