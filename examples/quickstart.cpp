@@ -36,39 +36,11 @@ void Record(std::string const& what, int expected, int code) {
   g_steps.push_back({what, expected, code});
 }
 
-// What a visitor function's code means (the object layer's calls report 1 or 0).
+// What a code means: the visitor functions name theirs; the object layer's calls report 1 or 0.
 char const* Meaning(std::string const& what, int code) {
-  bool const check = what.find("check") != std::string::npos;
-  switch (code) {
-    case 1:
-      return "ok";
-    case 0:
-      return "failed";
-    case -1:
-      return "session or token turned invalid";
-    case -2:
-      return check ? "account check failed" : "account login refused";
-    case -3:
-      return "no such link, or not valid";
-    case -4:
-      return "internal failure";
-    case -5:
-      return "no live session";
-    case -6:
-      return check ? "link not valid" : "?";
-    case -7:
-      return "no such link, or no live token";
-    case -8:
-      return check ? "address differs from the session's" : "address blocked";
-    case -9:
-      return "wrong password";
-    case -10:
-      return "account not among the link's users and groups";
-    case -11:
-      return "use limit reached";
-    default:
-      return "?";
-  }
+  if (what.find("check") != std::string::npos) return KovaSharingCheckResultText(code);
+  if (what.find("login") != std::string::npos) return KovaSharingLoginResultText(code);
+  return code == 1 ? "ok" : "failed";
 }
 
 void Visit(char const* address) { setenv("REMOTE_ADDR", address, 1); }
@@ -133,14 +105,16 @@ int main() {
   // session id is what the web front end keeps on the visitor's side (a cookie).
   Visit(kVisitorAddress);
   std::string visitor;
-  Record("visitor: login, wrong password", -9, Login(visitor, photos_hash, "guess"));
+  Record("visitor: login, wrong password", KOVA_LOGIN_WRONG_PASSWORD,
+         Login(visitor, photos_hash, "guess"));
   Record("visitor: login, right password", 1, Login(visitor, photos_hash, "open sesame"));
 
   // 3. Later requests: the session is checked (and extended by a day). The link binds the
   // session to the visitor's address, so the same session id from elsewhere is refused.
   Record("visitor: check, same address", 1, Check(visitor, photos_hash));
   Visit(kOtherAddress);
-  Record("visitor: check, another address", -8, Check(visitor, photos_hash));
+  Record("visitor: check, another address", KOVA_CHECK_ADDRESS_CHANGED,
+         Check(visitor, photos_hash));
   Visit(kVisitorAddress);
 
   // 4. The group link: an account login, admitted by group membership only.
@@ -148,19 +122,20 @@ int main() {
   Record("ann (reviewers): login to group link", 1,
          Login(ann, review_hash, nullptr, "ann", "ann-demo-pw"));
   Record("ann: check", 1, Check(ann, review_hash));
-  Record("ben (not a reviewer): login to group link", -10,
+  Record("ben (not a reviewer): login to group link", KOVA_LOGIN_NOT_ADMITTED,
          Login(ben, review_hash, nullptr, "ben", "ben-demo-pw"));
-  Record("ben: login, wrong account password", -2, Login(ben, review_hash, nullptr, "ben", "nope"));
+  Record("ben: login, wrong account password", KOVA_LOGIN_ACCOUNT_REFUSED,
+         Login(ben, review_hash, nullptr, "ben", "nope"));
 
   // 5. Logging out ends the session's admission to that link.
   Record("visitor: logout", 1, KOVA::KovaSharingLogout(photos_hash, visitor));
-  Record("visitor: check after logout", -7, Check(visitor, photos_hash));
+  Record("visitor: check after logout", KOVA_CHECK_NO_ACCESS, Check(visitor, photos_hash));
 
   // 6. Every login counts a use: the third is the last one the link allows.
   std::string second, third, fourth;
   Record("visitor 2: login (use 2 of 3)", 1, Login(second, photos_hash, "open sesame"));
   Record("visitor 3: login (use 3 of 3)", 1, Login(third, photos_hash, "open sesame"));
-  Record("visitor 4: login", -11, Login(fourth, photos_hash, "open sesame"));
+  Record("visitor 4: login", KOVA_LOGIN_USED_UP, Login(fourth, photos_hash, "open sesame"));
 
   // 7. Clean-up is the application's job: purge with probability 1.0 runs at once (a busy
   // program passes a small probability on every call). A used-up link is expired.
@@ -172,7 +147,8 @@ int main() {
   Record("app: purge expired (links " + std::to_string(before) + " -> " +
              std::to_string(Rows(entries)) + ")",
          1, purged ? 1 : 0);
-  Record("visitor 5: login to the purged link", -3, Login(fourth, photos_hash, "open sesame"));
+  Record("visitor 5: login to the purged link", KOVA_LOGIN_NO_LINK,
+         Login(fourth, photos_hash, "open sesame"));
 
   std::printf("password link %s, group link %s, database %s\n\n", photos_hash.c_str(),
               review_hash.c_str(), KOVA::sharing::SZF_SHARING_DB_PATH);

@@ -399,24 +399,25 @@ Reply Gate::HandleGet() {
   if (!session_id_.empty()) {
     _tag_sharing_login_params const params = {hash_.c_str(), nullptr, nullptr, nullptr,
                                               session_id_.c_str()};
-    int const code = hash_.size() > kMaxHash ? -7 : KOVA::KovaSharingIsAuthorized(&params);
+    int const code =
+        hash_.size() > kMaxHash ? KOVA_CHECK_NO_ACCESS : KOVA::KovaSharingIsAuthorized(&params);
     switch (code) {
-      case 1:
+      case KOVA_CHECK_OK:
         return Content();
-      case -4:
+      case KOVA_CHECK_INTERNAL:
         return Failure("authorization check failed");
-      case -6:
+      case KOVA_CHECK_LINK_INVALID:
         page.status = 410;
         page.title = "This link is no longer valid";
         page.lead.push_back("The person who shared it has ended it, or its time is over.");
         return Show(page);
-      case -8:
+      case KOVA_CHECK_ADDRESS_CHANGED:
         page = FormPage(FormFor());
         page.notice =
             "Your network address has changed since you opened this link. Please "
             "open it again.";
         return Show(page);
-      case -2:
+      case KOVA_CHECK_ACCOUNT_REFUSED:
         page = FormPage(FormFor());
         page.notice = "Please sign in again.";
         return Show(page);
@@ -435,7 +436,7 @@ Reply Gate::HandleLogin() {
   if (!session_id_.empty()) {
     _tag_sharing_login_params const params = {hash_.c_str(), nullptr, nullptr, nullptr,
                                               session_id_.c_str()};
-    if (KOVA::KovaSharingIsAuthorized(&params) == 1) return Redirect(LinkUrl());
+    if (KOVA::KovaSharingIsAuthorized(&params) == KOVA_CHECK_OK) return Redirect(LinkUrl());
   }
   std::string const password = Secret(SZK_PASSWORD_);
   std::string const username = Secret(SZK_ZEL_USERNAME);
@@ -459,32 +460,34 @@ Reply Gate::HandleLogin() {
   if (begun == 0) return Blocked();  // earlier attempts from the address keep it waiting
   std::string session_id;
   // An oversized hash is no link; it gets the answer of an unknown one without a look-up.
-  int const code = hash_.size() > kMaxHash ? -3 : KOVA::KovaSharingLogin(session_id, &params, true);
+  int const code = hash_.size() > kMaxHash ? KOVA_LOGIN_NO_LINK
+                                           : KOVA::KovaSharingLogin(session_id, &params, true);
   switch (code) {
-    case 1:
+    case KOVA_LOGIN_OK:
       if (!SetSessionCookie(session_id, 0)) return Failure("session cookie cannot be set");
       return Redirect(LinkUrl());
-    case -8:
+    case KOVA_LOGIN_BLOCKED:
       return Blocked();
-    case -2:
-    case -3:
-    case -9:
-    case -10:
-    case -11: {
+    case KOVA_LOGIN_ACCOUNT_REFUSED:
+    case KOVA_LOGIN_NO_LINK:
+    case KOVA_LOGIN_WRONG_PASSWORD:
+    case KOVA_LOGIN_NOT_ADMITTED:
+    case KOVA_LOGIN_USED_UP: {
       // A wrong password or account, an account outside the link's users and groups, and a
       // link that is unknown, expired or used up: one answer for all, and one failure counted
       // for each. The login counted the guesses it judged: a wrong password or account, and
       // any refusal of an account link; the rest is counted here.
       Entry entry;
       bool const valid = LoadValidEntry(entry);
-      if (code == -10 || code == -11 || (code == -3 && !valid)) {
+      if (code == KOVA_LOGIN_NOT_ADMITTED || code == KOVA_LOGIN_USED_UP ||
+          (code == KOVA_LOGIN_NO_LINK && !valid)) {
         CheckDecoyPassword(password);
         CountFailure(address_);
       }
       return Refused(username);
     }
     default:
-      return Failure("login failed");
+      return Failure((std::string("login failed: ") + KovaSharingLoginResultText(code)).c_str());
   }
 }
 
