@@ -19,11 +19,13 @@
 #include <kova_cgi.h>
 #include <kova_log.h>
 #include <kovasharing/kovasharing.h>
+#include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -176,6 +178,86 @@ void CheckDecoyPassword(std::string const& password) {
     return entry;
   }();
   (void)decoy.IsPasswordValid(password);
+}
+
+// A string member of the application's object, "" when there is none.
+std::string AppText(Json::Value const& app, char const* key) {
+  return app.isObject() && app[key].isString() ? app[key].asString() : "";
+}
+
+// The heading of a link's pages: its title, else the application's, else a plain one.
+std::string LinkTitle(Entry const& entry, Json::Value const& app) {
+  if (!entry.get_protect_title().empty()) return entry.get_protect_title();
+  std::string const title = AppText(app, "title");
+  return title.empty() ? "Shared with you" : title;
+}
+
+// The owner as visitors know them: the account's full name where the account database has
+// one, else the account name.
+std::string OwnerName(Entry const& entry) {
+  std::string const login = entry.get_owner_user();
+  if (login.empty()) return "";
+  struct passwd account;
+  struct passwd* found = nullptr;
+  std::vector<char> buffer(16384);
+  if (getpwnam_r(login.c_str(), &account, buffer.data(), buffer.size(), &found) == 0 &&
+      found != nullptr && found->pw_gecos != nullptr) {
+    std::string const full = std::string(found->pw_gecos).substr(0, strcspn(found->pw_gecos, ","));
+    if (!full.empty()) return full;
+  }
+  return login;
+}
+
+// "31 January 2027 at 23:59 UTC": the server's local time, with its zone, in words.
+std::string HumanTime(long when) {
+  if (when <= 0) return "";
+  time_t const t = static_cast<time_t>(when);
+  struct tm local;
+  char text[96];
+  if (localtime_r(&t, &local) == nullptr ||
+      strftime(text, sizeof text, "%-d %B %Y at %H:%M %Z", &local) == 0) {
+    return "";
+  }
+  return text;
+}
+
+// "1.5 MB": a size in bytes as people read it.
+std::string HumanSize(double bytes) {
+  static char const* const kUnits[] = {"bytes", "kB", "MB", "GB", "TB"};
+  int unit = 0;
+  while (bytes >= 1000 && unit < 4) bytes /= 1000, ++unit;
+  char text[32];
+  snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
+  return text;
+}
+
+// The application's data as a list: the keys every application may use under the names
+// visitors read, the rest under their own names. The title is the page's heading and the
+// description its first paragraph, so neither is listed again.
+std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& app,
+                                                            std::string const& heading) {
+  std::vector<std::pair<std::string, std::string>> details;
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  if (!app.isObject()) {
+    if (!app.isNull()) details.emplace_back("Data", Json::writeString(writer, app));
+    return details;
+  }
+  for (std::string const& name : app.getMemberNames()) {
+    Json::Value const& value = app[name];
+    if (name == "description" && value.isString()) continue;
+    if (name == "title" && value.isString() && value.asString() == heading) continue;
+    std::string label = name;
+    std::string text = value.isString() ? value.asString() : Json::writeString(writer, value);
+    if (name == "title") label = "Title";
+    if (name == "url") label = "Address";
+    if (name == "size") {
+      label = "Size";
+      if (value.isNumeric() && value.asDouble() >= 0) text = HumanSize(value.asDouble());
+    }
+    details.emplace_back(label, text);
+  }
+  return details;
 }
 
 class Gate {
@@ -349,6 +431,17 @@ Page Gate::FormPage(Form form) const {
       page.lead.push_back("Enter the password you were given together with the link.");
       break;
   }
+  // Link previews: of a protected (or unknown) link only that it is protected; an open link
+  // shows its title and description, as its own page does after one press.
+  page.preview_title = page.title;
+  page.preview_description = page.lead.front();
+  Entry entry;
+  if (form == Form::kOpen && LoadValidEntry(entry)) {
+    Json::Value const app = entry.get_app();
+    page.preview_title = LinkTitle(entry, app);
+    std::string const description = AppText(app, "description");
+    if (!description.empty()) page.preview_description = description;
+  }
   return page;
 }
 
@@ -358,36 +451,36 @@ Reply Gate::Content() {
 
   Entry::RedirectType const type = entry.get_redirect_type();
   std::string target = entry.get_redirect_uri();
+  std::string next;
   if (type != Entry::REDIRECT_NONE && IsSafeTarget(target)) {
-    if (type == Entry::REDIRECT_URLPARAM) {
-      // The target learns which link the visitor came through.
-      size_t const fragment = target.find('#');
-      size_t const end = fragment == std::string::npos ? target.size() : fragment;
-      char const joint = target.find('?') < end ? '&' : '?';
-      target.insert(end, std::string(1, joint) + SZK_SHARING_ID + "=" + UrlEncode(hash_));
-    }
-    return Redirect(target);
+    // "always" sends the visitor on at once; "url_param" tells the target which link the
+    // visitor came through, from the landing page's Continue.
+    if (type != Entry::REDIRECT_URLPARAM) return Redirect(target);
+    size_t const fragment = target.find('#');
+    size_t const end = fragment == std::string::npos ? target.size() : fragment;
+    char const joint = target.find('?') < end ? '&' : '?';
+    target.insert(end, std::string(1, joint) + SZK_SHARING_ID + "=" + UrlEncode(hash_));
+    next = target;
   }
 
   Page page;
-  page.title = "Shared with you";
-  std::string const owner = entry.get_owner_user();
-  if (!owner.empty()) page.lead.push_back("Shared by " + owner + ".");
   Json::Value const app = entry.get_app();
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "";
-  if (app.isObject()) {
-    for (std::string const& name : app.getMemberNames()) {
-      Json::Value const& value = app[name];
-      page.details.emplace_back(
-          name, value.isString() ? value.asString() : Json::writeString(writer, value));
-    }
-  } else if (!app.isNull()) {
-    page.details.emplace_back("Data", Json::writeString(writer, app));
+  page.title = LinkTitle(entry, app);
+  std::string const description = AppText(app, "description");
+  if (!description.empty()) page.lead.push_back(description);
+  std::string const owner = OwnerName(entry);
+  if (!owner.empty()) page.lead.push_back("Shared by " + owner + ".");
+  page.next = next;
+  if (next.empty()) page.details = AppDetails(app, page.title);
+  std::string const until = HumanTime(entry.get_expire_at());
+  if (!until.empty()) page.details.emplace_back("Available until", until);
+  if (entry.get_expire_times() > 0) {
+    int const left = entry.get_expire_times() - entry.get_use_count();
+    page.details.emplace_back("Uses left", std::to_string(left < 0 ? 0 : left));
   }
-  std::string const until = entry.get_expire_at_str("%Y-%m-%d %H:%M");
-  if (!until.empty()) page.details.emplace_back("Link valid until", until);
-  if (page.details.empty()) page.lead.push_back("There is nothing more to show for this link.");
+  if (page.details.empty() && next.empty()) {
+    page.lead.push_back("There is nothing more to show for this link.");
+  }
   page.form = Form::kLogout;
   page.action = LinkUrl();
   return Show(page);

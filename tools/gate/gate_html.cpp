@@ -86,26 +86,26 @@ using KOVA::sharing::SZK_ZEL_PASSWORD;
 using KOVA::sharing::SZK_ZEL_USERNAME;
 
 void Field(std::string& out, char const* name, char const* label, char const* type,
-           char const* autocomplete, std::string const& value = "") {
+           char const* autocomplete, bool focus, std::string const& value = "") {
   std::string const id = std::string("f-") + name;
   out += "<label for=\"" + HtmlEscape(id) + "\">" + label + "</label>\n";
   out += "<input id=\"" + HtmlEscape(id) + "\" name=\"" + HtmlEscape(name) + "\" type=\"" + type +
-         "\" autocomplete=\"" + autocomplete + "\" required";
+         "\" autocomplete=\"" + autocomplete + "\" required" + (focus ? " autofocus" : "");
   if (!value.empty()) out += " value=\"" + HtmlEscape(value) + "\"";
   out += ">\n";
 }
 
-void RenderForm(std::string& out, Page const& page) {
+void RenderForm(std::string& out, Page const& page, bool focus) {
   if (page.form == Form::kNone) return;
   out += "<form method=\"post\" action=\"" + HtmlEscape(page.action) + "\">\n";
   switch (page.form) {
     case Form::kPassword:
-      Field(out, SZK_PASSWORD_, "Password", "password", "current-password");
+      Field(out, SZK_PASSWORD_, "Password", "password", "current-password", focus);
       out += "<button type=\"submit\">Open</button>\n";
       break;
     case Form::kAccount:
-      Field(out, SZK_ZEL_USERNAME, "Account name", "text", "username", page.username);
-      Field(out, SZK_ZEL_PASSWORD, "Password", "password", "current-password");
+      Field(out, SZK_ZEL_USERNAME, "Account name", "text", "username", focus, page.username);
+      Field(out, SZK_ZEL_PASSWORD, "Password", "password", "current-password", false);
       out += "<button type=\"submit\">Sign in</button>\n";
       break;
     case Form::kOpen:
@@ -128,14 +128,25 @@ std::string RenderPage(Page const& page, std::string const& stylesheet) {
   out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
   out += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
   out += "<meta name=\"robots\" content=\"noindex, nofollow\">\n";
-  out += "<title>" + HtmlEscape(page.title) + "</title>\n";
+  bool const error = !page.notice.empty() && page.notice_tone == Tone::kError;
+  out += "<title>" + std::string(error ? "Error: " : "") + HtmlEscape(page.title) + "</title>\n";
+  if (!page.preview_title.empty()) {
+    out += "<meta property=\"og:type\" content=\"website\">\n";
+    out += "<meta property=\"og:title\" content=\"" + HtmlEscape(page.preview_title) + "\">\n";
+    if (!page.preview_description.empty()) {
+      out += "<meta property=\"og:description\" content=\"" + HtmlEscape(page.preview_description) +
+             "\">\n";
+      out +=
+          "<meta name=\"description\" content=\"" + HtmlEscape(page.preview_description) + "\">\n";
+    }
+  }
   out += "<link rel=\"stylesheet\" href=\"" + HtmlEscape(stylesheet) + "\">\n</head>\n<body>\n";
   out += "<main class=\"card\">\n<h1>" + HtmlEscape(page.title) + "</h1>\n";
   if (!page.notice.empty()) {
     char const* const role = page.notice_tone == Tone::kError ? "alert" : "status";
     char const* const tone = page.notice_tone == Tone::kError ? "error" : "info";
-    out += std::string("<p class=\"notice ") + tone + "\" role=\"" + role + "\">" +
-           HtmlEscape(page.notice) + "</p>\n";
+    out += std::string("<p class=\"notice ") + tone + "\" role=\"" + role + "\"" +
+           (error ? " tabindex=\"-1\" autofocus" : "") + ">" + HtmlEscape(page.notice) + "</p>\n";
   }
   for (auto const& paragraph : page.lead) out += "<p>" + HtmlEscape(paragraph) + "</p>\n";
   if (!page.details.empty()) {
@@ -145,7 +156,11 @@ std::string RenderPage(Page const& page, std::string const& stylesheet) {
     }
     out += "</dl>\n";
   }
-  RenderForm(out, page);
+  if (!page.next.empty()) {
+    out += "<a class=\"button\" href=\"" + HtmlEscape(page.next) + "\"" +
+           (error ? "" : " autofocus") + ">Continue</a>\n";
+  }
+  RenderForm(out, page, !error && page.next.empty());
   out += "</main>\n</body>\n</html>\n";
   return out;
 }

@@ -33,9 +33,15 @@ struct Page {
   std::string action;  // where the form posts (a relative URL)
   std::vector<std::pair<std::string, std::string>> details;  // a definition list
   std::string username;  // to fill the account field again after a failure
+  std::string next;      // "Continue" leads here (a checked address), "" for none
+  // What a link preview (Open Graph) shows; no preview tags when the title is "".
+  std::string preview_title;
+  std::string preview_description;
 };
 
-// The complete document. `stylesheet` is the URL of the gate's stylesheet.
+// The complete document. `stylesheet` is the URL of the gate's stylesheet. Keyboard focus
+// starts on an error notice (and the document's title starts with "Error: "), else on the
+// form's first field.
 std::string RenderPage(Page const& page, std::string const& stylesheet);
 
 // "303 See Other" and friends for the Status header.
