@@ -1,9 +1,32 @@
 # The visitor gate: a CGI program over the public library API and the platform's web-request
 # calls, and its stylesheet. A small helper makes demonstration links for scripts/demo and the
 # browser test; it is not installed.
-add_executable(kovasharing-gate tools/gate/gate.cpp tools/gate/gate_html.cpp)
+add_executable(kovasharing-gate tools/gate/gate.cpp tools/gate/gate_html.cpp
+  tools/gate/gate_i18n.cpp)
 target_compile_options(kovasharing-gate PRIVATE ${KOVA_WARNINGS})
+target_compile_definitions(kovasharing-gate PRIVATE
+  KOVA_GATE_LOCALEDIR="${CMAKE_INSTALL_FULL_LOCALEDIR}")
 target_link_libraries(kovasharing-gate PRIVATE kovasharing kovaplatform)
+
+# The pages' translations: one catalogue per language in tools/gate/po/, compiled into
+# locale/ beside the gate (where a gate run from the build tree finds them) and installed
+# into the system's locale directory.
+find_program(KOVA_MSGFMT msgfmt REQUIRED)
+set(KOVA_GATE_LANGUAGES de)
+set(KOVA_GATE_CATALOGUES "")
+foreach(language ${KOVA_GATE_LANGUAGES})
+  set(mo ${CMAKE_BINARY_DIR}/locale/${language}/LC_MESSAGES/kovasharing-gate.mo)
+  add_custom_command(OUTPUT ${mo}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/locale/${language}/LC_MESSAGES
+    COMMAND ${KOVA_MSGFMT} --check-format -o ${mo} ${CMAKE_CURRENT_SOURCE_DIR}/tools/gate/po/${language}.po
+    DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tools/gate/po/${language}.po
+    COMMENT "Compiling the gate's ${language} texts")
+  list(APPEND KOVA_GATE_CATALOGUES ${mo})
+  install(FILES ${mo} DESTINATION ${CMAKE_INSTALL_LOCALEDIR}/${language}/LC_MESSAGES
+    COMPONENT tools)
+endforeach()
+add_custom_target(kovasharing-gate-catalogues ALL DEPENDS ${KOVA_GATE_CATALOGUES})
+add_dependencies(kovasharing-gate kovasharing-gate-catalogues)
 
 add_executable(kovasharing-demo-links tools/gate/demo_links.cpp)
 target_compile_options(kovasharing-demo-links PRIVATE ${KOVA_WARNINGS})

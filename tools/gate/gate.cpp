@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "gate_html.h"
+#include "gate_i18n.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ using KOVA::sharing::SZK_ZEL_USERNAME;
 using KOVA::sharing::db::EntryDB;
 using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
+using kovagate::Fill;
 using kovagate::Form;
 using kovagate::Page;
 using kovagate::Tone;
@@ -189,7 +191,7 @@ std::string AppText(Json::Value const& app, char const* key) {
 std::string LinkTitle(Entry const& entry, Json::Value const& app) {
   if (!entry.get_protect_title().empty()) return entry.get_protect_title();
   std::string const title = AppText(app, "title");
-  return title.empty() ? "Shared with you" : title;
+  return title.empty() ? _("Shared with you") : title;
 }
 
 // The owner as visitors know them: the account's full name where the account database has
@@ -210,15 +212,22 @@ std::string OwnerName(Entry const& entry) {
 
 // "31 January 2027 at 23:59 UTC": the server's local time, with its zone, in words.
 std::string HumanTime(long when) {
+  static char const* const kMonths[] = {N_("January"), N_("February"), N_("March"),
+                                        N_("April"),   N_("May"),      N_("June"),
+                                        N_("July"),    N_("August"),   N_("September"),
+                                        N_("October"), N_("November"), N_("December")};
   if (when <= 0) return "";
   time_t const t = static_cast<time_t>(when);
   struct tm local;
-  char text[96];
-  if (localtime_r(&t, &local) == nullptr ||
-      strftime(text, sizeof text, "%-d %B %Y at %H:%M %Z", &local) == 0) {
+  char clock[16];
+  char zone[16];
+  if (localtime_r(&t, &local) == nullptr || strftime(clock, sizeof clock, "%H:%M", &local) == 0 ||
+      strftime(zone, sizeof zone, "%Z", &local) == 0) {
     return "";
   }
-  return text;
+  // TRANSLATORS: day, month, year, time of day, time zone.
+  return Fill(_("{} {} {} at {} {}"), {std::to_string(local.tm_mday), _(kMonths[local.tm_mon]),
+                                       std::to_string(local.tm_year + 1900), clock, zone});
 }
 
 // "1.5 MB": a size in bytes as people read it.
@@ -240,7 +249,7 @@ std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& a
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "";
   if (!app.isObject()) {
-    if (!app.isNull()) details.emplace_back("Data", Json::writeString(writer, app));
+    if (!app.isNull()) details.emplace_back(_("Data"), Json::writeString(writer, app));
     return details;
   }
   for (std::string const& name : app.getMemberNames()) {
@@ -249,10 +258,10 @@ std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& a
     if (name == "title" && value.isString() && value.asString() == heading) continue;
     std::string label = name;
     std::string text = value.isString() ? value.asString() : Json::writeString(writer, value);
-    if (name == "title") label = "Title";
-    if (name == "url") label = "Address";
+    if (name == "title") label = _("Title");
+    if (name == "url") label = _("Address");
     if (name == "size") {
-      label = "Size";
+      label = _("Size");
       if (value.isNumeric() && value.asDouble() >= 0) text = HumanSize(value.asDouble());
     }
     details.emplace_back(label, text);
@@ -321,8 +330,8 @@ Reply Gate::Redirect(std::string const& location) const {
   reply.status = 303;
   reply.headers.push_back("Location: " + location);
   Page page;
-  page.title = "Continue";
-  page.lead.push_back("This page has moved on. Your browser should follow by itself.");
+  page.title = _("Continue");
+  page.lead.push_back(_("This page has moved on. Your browser should follow by itself."));
   reply.body = kovagate::RenderPage(page, stylesheet_);
   return reply;
 }
@@ -333,19 +342,20 @@ Reply Gate::Failure(char const* what) const {
   fprintf(stderr, "%s: %s\n", kSource, what);
   Page page;
   page.status = 500;
-  page.title = "Something went wrong";
-  page.lead.push_back("The link could not be opened just now. Please try again in a little while.");
+  page.title = _("Something went wrong");
+  page.lead.push_back(
+      _("The link could not be opened just now. Please try again in a little while."));
   return Show(page);
 }
 
 Reply Gate::Blocked() const {
   Page page;
   page.status = 429;
-  page.title = "Too many attempts";
+  page.title = _("Too many attempts");
   page.lead.push_back(
-      "There were too many failed attempts from your network address, so it is blocked for a "
-      "while.");
-  page.lead.push_back("Please wait about ten minutes, then open the link again.");
+      _("There were too many failed attempts from your network address, so it is blocked for a "
+        "while."));
+  page.lead.push_back(_("Please wait about ten minutes, then open the link again."));
   Reply reply = Show(page);
   reply.headers.push_back("Retry-After: " + std::to_string(kBlockSeconds));
   return reply;
@@ -373,12 +383,12 @@ Reply Gate::Refused(std::string const& username) const {
   page.status = 403;
   page.notice_tone = Tone::kError;
   page.notice =
-      "This link does not open. The password may be wrong, or the link may have expired or "
-      "been used up; ask the person who sent it.";
+      _("This link does not open. The password may be wrong, or the link may have expired or "
+        "been used up; ask the person who sent it.");
   if (page.form == Form::kAccount) {
     page.notice =
-        "That did not work. Check your account name and password; this link may also not be "
-        "shared with your account.";
+        _("That did not work. Check your account name and password; this link may also not be "
+          "shared with your account.");
     page.username = username;
   }
   return Show(page);
@@ -417,18 +427,18 @@ Page Gate::FormPage(Form form) const {
   page.action = LinkUrl();
   switch (form) {
     case Form::kAccount:
-      page.title = "Sign in to open this link";
+      page.title = _("Sign in to open this link");
       page.lead.push_back(
-          "This link is shared with particular accounts. Sign in with your account on this "
-          "server.");
+          _("This link is shared with particular accounts. Sign in with your account on this "
+            "server."));
       break;
     case Form::kOpen:
-      page.title = "Shared link";
-      page.lead.push_back("Something has been shared with you. Press Open to see it.");
+      page.title = _("Shared link");
+      page.lead.push_back(_("Something has been shared with you. Press Open to see it."));
       break;
     default:
-      page.title = "This link is protected";
-      page.lead.push_back("Enter the password you were given together with the link.");
+      page.title = _("This link is protected");
+      page.lead.push_back(_("Enter the password you were given together with the link."));
       break;
   }
   // Link previews: of a protected (or unknown) link only that it is protected; an open link
@@ -469,17 +479,17 @@ Reply Gate::Content() {
   std::string const description = AppText(app, "description");
   if (!description.empty()) page.lead.push_back(description);
   std::string const owner = OwnerName(entry);
-  if (!owner.empty()) page.lead.push_back("Shared by " + owner + ".");
+  if (!owner.empty()) page.lead.push_back(Fill(_("Shared by {}."), {owner}));
   page.next = next;
   if (next.empty()) page.details = AppDetails(app, page.title);
   std::string const until = HumanTime(entry.get_expire_at());
-  if (!until.empty()) page.details.emplace_back("Available until", until);
+  if (!until.empty()) page.details.emplace_back(_("Available until"), until);
   if (entry.get_expire_times() > 0) {
     int const left = entry.get_expire_times() - entry.get_use_count();
-    page.details.emplace_back("Uses left", std::to_string(left < 0 ? 0 : left));
+    page.details.emplace_back(_("Uses left"), std::to_string(left < 0 ? 0 : left));
   }
   if (page.details.empty() && next.empty()) {
-    page.lead.push_back("There is nothing more to show for this link.");
+    page.lead.push_back(_("There is nothing more to show for this link."));
   }
   page.form = Form::kLogout;
   page.action = LinkUrl();
@@ -501,25 +511,25 @@ Reply Gate::HandleGet() {
         return Failure("authorization check failed");
       case KOVA_CHECK_LINK_INVALID:
         page.status = 410;
-        page.title = "This link is no longer valid";
-        page.lead.push_back("The person who shared it has ended it, or its time is over.");
+        page.title = _("This link is no longer valid");
+        page.lead.push_back(_("The person who shared it has ended it, or its time is over."));
         return Show(page);
       case KOVA_CHECK_ADDRESS_CHANGED:
         page = FormPage(FormFor());
         page.notice =
-            "Your network address has changed since you opened this link. Please "
-            "open it again.";
+            _("Your network address has changed since you opened this link. Please "
+              "open it again.");
         return Show(page);
       case KOVA_CHECK_ACCOUNT_REFUSED:
         page = FormPage(FormFor());
-        page.notice = "Please sign in again.";
+        page.notice = _("Please sign in again.");
         return Show(page);
       default:  // no session, no token for this link, or either ran out
         break;
     }
   }
   page = FormPage(FormFor());
-  if (logged_out) page.notice = "You have logged out.";
+  if (logged_out) page.notice = _("You have logged out.");
   return Show(page);
 }
 
@@ -594,6 +604,7 @@ Reply Gate::HandleLogout() {
 
 Reply Gate::Handle() {
   BelieveTrustedProxy();
+  kovagate::ChooseLanguage(Env("HTTP_ACCEPT_LANGUAGE"));
   std::string const script = Env("SCRIPT_NAME");
   if (IsPlainUrlText(script) && script[0] == '/') script_ = script;
   std::string const stylesheet = Env("KOVASHARING_GATE_STYLESHEET");
@@ -604,8 +615,8 @@ Reply Gate::Handle() {
   if (!post && method != "GET" && method != "HEAD") {
     Page page;
     page.status = 405;
-    page.title = "Not possible";
-    page.lead.push_back("This page can only be opened or sent as a form.");
+    page.title = _("Not possible");
+    page.lead.push_back(_("This page can only be opened or sent as a form."));
     Reply reply = Show(page);
     reply.headers.push_back("Allow: GET, HEAD, POST");
     return reply;
@@ -616,8 +627,8 @@ Reply Gate::Handle() {
     if (init < 0) return Failure("request cannot be read");
     Page page;
     page.status = 400;
-    page.title = "The request could not be read";
-    page.lead.push_back("Please open the link again.");
+    page.title = _("The request could not be read");
+    page.lead.push_back(_("Please open the link again."));
     return Show(page);
   }
   KovaCgiLoadInCookies(cgi_);
@@ -631,9 +642,9 @@ Reply Gate::Handle() {
   if (hash_.empty()) {
     Page page;
     page.status = 404;
-    page.title = "No link given";
+    page.title = _("No link given");
     page.lead.push_back(
-        "This address does not lead to anything shared. Check that you have the whole link.");
+        _("This address does not lead to anything shared. Check that you have the whole link."));
     return Show(page);
   }
 
@@ -644,9 +655,9 @@ Reply Gate::Handle() {
   if (!origin.empty() && origin != (IsHttps() ? "https://" : "http://") + Env("HTTP_HOST")) {
     Page page;
     page.status = 403;
-    page.title = "Form not accepted";
+    page.title = _("Form not accepted");
     page.lead.push_back(
-        "The form came from another site. Open the link again and use its own form.");
+        _("The form came from another site. Open the link again and use its own form."));
     return Show(page);
   }
   if (Param(SZK_ACTION) == "logout") return HandleLogout();
@@ -663,6 +674,8 @@ void Print(Reply const& reply, bool with_body, char const* cookies, std::string 
          (style_origin.empty() ? "" : " " + style_origin) +
          "; frame-ancestors 'none'; base-uri 'none'\r\n";
   out += "X-Content-Type-Options: nosniff\r\n";
+  out += std::string("Content-Language: ") + kovagate::Language() + "\r\n";
+  out += "Vary: Accept-Language, Cookie\r\n";
   out += "X-Frame-Options: DENY\r\n";
   // The link's hash is its key: no other site may see it as a referrer. (With no referrer at
   // all, browsers send a form's origin as "null".)

@@ -2,6 +2,8 @@
 
 #include <kovasharing/constants.h>
 
+#include "gate_i18n.h"
+
 namespace kovagate {
 
 std::string HtmlEscape(std::string const& text) {
@@ -88,7 +90,7 @@ using KOVA::sharing::SZK_ZEL_USERNAME;
 void Field(std::string& out, char const* name, char const* label, char const* type,
            char const* autocomplete, bool focus, std::string const& value = "") {
   std::string const id = std::string("f-") + name;
-  out += "<label for=\"" + HtmlEscape(id) + "\">" + label + "</label>\n";
+  out += "<label for=\"" + HtmlEscape(id) + "\">" + HtmlEscape(label) + "</label>\n";
   out += "<input id=\"" + HtmlEscape(id) + "\" name=\"" + HtmlEscape(name) + "\" type=\"" + type +
          "\" autocomplete=\"" + autocomplete + "\" required" + (focus ? " autofocus" : "");
   if (!value.empty()) out += " value=\"" + HtmlEscape(value) + "\"";
@@ -100,20 +102,20 @@ void RenderForm(std::string& out, Page const& page, bool focus) {
   out += "<form method=\"post\" action=\"" + HtmlEscape(page.action) + "\">\n";
   switch (page.form) {
     case Form::kPassword:
-      Field(out, SZK_PASSWORD_, "Password", "password", "current-password", focus);
-      out += "<button type=\"submit\">Open</button>\n";
+      Field(out, SZK_PASSWORD_, _("Password"), "password", "current-password", focus);
+      out += std::string("<button type=\"submit\">") + _("Open") + "</button>\n";
       break;
     case Form::kAccount:
-      Field(out, SZK_ZEL_USERNAME, "Account name", "text", "username", focus, page.username);
-      Field(out, SZK_ZEL_PASSWORD, "Password", "password", "current-password", false);
-      out += "<button type=\"submit\">Sign in</button>\n";
+      Field(out, SZK_ZEL_USERNAME, _("Account name"), "text", "username", focus, page.username);
+      Field(out, SZK_ZEL_PASSWORD, _("Password"), "password", "current-password", false);
+      out += std::string("<button type=\"submit\">") + _("Sign in") + "</button>\n";
       break;
     case Form::kOpen:
-      out += "<button type=\"submit\">Open</button>\n";
+      out += std::string("<button type=\"submit\">") + _("Open") + "</button>\n";
       break;
     case Form::kLogout:
       out += "<input type=\"hidden\" name=\"" + HtmlEscape(SZK_ACTION) + "\" value=\"logout\">\n";
-      out += "<button type=\"submit\" class=\"quiet\">Log out</button>\n";
+      out += std::string("<button type=\"submit\" class=\"quiet\">") + _("Log out") + "</button>\n";
       break;
     case Form::kNone:
       break;
@@ -125,11 +127,12 @@ void RenderForm(std::string& out, Page const& page, bool focus) {
 
 std::string RenderPage(Page const& page, std::string const& stylesheet) {
   std::string out;
-  out += "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n";
+  out += std::string("<!DOCTYPE html>\n<html lang=\"") + Language() +
+         "\">\n<head>\n<meta charset=\"utf-8\">\n";
   out += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
   out += "<meta name=\"robots\" content=\"noindex, nofollow\">\n";
   bool const error = !page.notice.empty() && page.notice_tone == Tone::kError;
-  out += "<title>" + std::string(error ? "Error: " : "") + HtmlEscape(page.title) + "</title>\n";
+  out += "<title>" + std::string(error ? _("Error: ") : "") + HtmlEscape(page.title) + "</title>\n";
   if (!page.preview_title.empty()) {
     out += "<meta property=\"og:type\" content=\"website\">\n";
     out += "<meta property=\"og:title\" content=\"" + HtmlEscape(page.preview_title) + "\">\n";
@@ -158,7 +161,7 @@ std::string RenderPage(Page const& page, std::string const& stylesheet) {
   }
   if (!page.next.empty()) {
     out += "<a class=\"button\" href=\"" + HtmlEscape(page.next) + "\"" +
-           (error ? "" : " autofocus") + ">Continue</a>\n";
+           (error ? "" : " autofocus") + ">" + HtmlEscape(_("Continue")) + "</a>\n";
   }
   RenderForm(out, page, !error && page.next.empty());
   out += "</main>\n</body>\n</html>\n";
