@@ -23,7 +23,7 @@ namespace {
 
 char const kSource[] = "sharing_db";
 unsigned int const kSharingDBMode = 432;  // 0660: owner and group read and write
-int const kNewestVersion = 2;
+int const kNewestVersion = 3;
 
 }  // namespace
 

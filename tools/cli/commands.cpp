@@ -513,6 +513,41 @@ std::vector<LiveSession> LiveSessions(SharingDB& db, Entry const& entry) {
   return out;
 }
 
+struct Visit {
+  long at;  // seconds since the epoch
+  std::string ip;
+  std::string account;
+};
+
+// The latest successful logins to the entry, newest first, as the gate records them.
+std::vector<Visit> Visits(SharingDB& db, Entry const& entry) {
+  KOVA::sharing::db::Result result;
+  if (!db.Execute("SELECT at, ip, account FROM visit WHERE entry_id = " +
+                      std::to_string(entry.get_id()) + " ORDER BY id DESC",
+                  result)) {
+    DatabaseFailure(db, "cannot read the visits");
+  }
+  std::vector<Visit> out;
+  KOVA::sharing::db::Row row;
+  while (result.NextRow(row)) {
+    out.push_back({row.GetField("at").AsTime(0), row.GetField("ip").AsString(""),
+                   row.GetField("account").AsString("")});
+  }
+  return out;
+}
+
+void PrintVisits(std::vector<Visit> const& visits) {
+  std::cout << "\n"
+            << visits.size() << (visits.size() == 1 ? " recent visit" : " recent visits")
+            << " (the latest 20 logins are kept)\n";
+  if (visits.empty()) return;
+  Table table({"WHEN", "ADDRESS", "ACCOUNT"});
+  for (auto const& v : visits) {
+    table.Add({TimeText(v.at), OneLine(v.ip), v.account.empty() ? "-" : OneLine(v.account)});
+  }
+  table.Print(std::cout);
+}
+
 int RunShow(Args const& args) {
   args.ExpectPositional(1, "HASH");
   SharingDB& db = Database();
@@ -521,6 +556,7 @@ int RunShow(Args const& args) {
   std::string const link = LinkOf(BaseUrl(args), entry.get_hash());
   if (args.Has("qr") && link.empty()) UsageError("show", kQrNeedsBase);
   std::vector<LiveSession> const live = LiveSessions(db, entry);
+  std::vector<Visit> const visits = Visits(db, entry);
   Json::Value out;
   entry.ToJSON(out);
   if (!link.empty()) out["link"] = link;
@@ -534,6 +570,14 @@ int RunShow(Args const& args) {
       item["expire_at"] = TimeText(s.expires);
       out["sessions"].append(item);
     }
+    out["visits"] = Json::Value(Json::arrayValue);
+    for (auto const& v : visits) {
+      Json::Value item(Json::objectValue);
+      item["at"] = TimeText(v.at);
+      item["ip"] = v.ip;
+      item["account"] = v.account;
+      out["visits"].append(item);
+    }
     PrintJson(std::cout, out);
     return kOk;
   }
@@ -541,13 +585,17 @@ int RunShow(Args const& args) {
   if (args.Has("qr")) PrintQr(std::cout << "\n", link);
   std::cout << "\n"
             << live.size() << (live.size() == 1 ? " live session" : " live sessions") << "\n";
-  if (live.empty()) return kOk;
+  if (live.empty()) {
+    PrintVisits(visits);
+    return kOk;
+  }
   Table table({"SESSION ID", "ADDRESS", "ACCOUNT", "EXPIRES"});
   for (auto const& s : live) {
     table.Add(
         {s.session_id, OneLine(s.ip), s.account.empty() ? "-" : s.account, TimeText(s.expires)});
   }
   table.Print(std::cout);
+  PrintVisits(visits);
   return kOk;
 }
 

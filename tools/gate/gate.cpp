@@ -269,6 +269,22 @@ std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& a
   return details;
 }
 
+// Who opened the link: one row per successful login, for its owner to see (`kovasharing show`).
+// A row that cannot be written costs the visitor nothing; it is logged.
+void RecordVisit(std::string const& hash, std::string const& address, std::string const& account) {
+  SharingDB& db = SharingDB::Instance();
+  EntryDB entries(db);
+  Entry entry;
+  if (!entries.GetByHash(hash, entry)) return;  // deleted in the meantime
+  std::string const sql = "INSERT INTO visit (entry_id, at, ip, account) VALUES (" +
+                          std::to_string(entry.get_id()) + ", " +
+                          std::to_string(static_cast<long>(time(nullptr))) + ", '" +
+                          db.Escape(address) + "', '" + db.Escape(account) + "')";
+  if (!db.Execute(sql, nullptr)) {
+    KOVA_LOG_PID(kSource, __LINE__, "visit not recorded: %s", db.GetLastError().c_str());
+  }
+}
+
 class Gate {
  public:
   Gate() = default;
@@ -456,8 +472,12 @@ Page Gate::FormPage(Form form) const {
 }
 
 Reply Gate::Content() {
+  // A visitor who is in stays in when the link's last use has gone (to this visitor, or to
+  // others since): only new logins need a use left.
   Entry entry;
-  if (!LoadValidEntry(entry)) return Failure("authorised entry cannot be read");
+  if (!EntryDB(SharingDB::Instance()).GetByHash(hash_, entry) || !entry.IsValid()) {
+    return Failure("authorised entry cannot be read");
+  }
 
   Entry::RedirectType const type = entry.get_redirect_type();
   std::string target = entry.get_redirect_uri();
@@ -568,6 +588,7 @@ Reply Gate::HandleLogin() {
   switch (code) {
     case KOVA_LOGIN_OK:
       if (!SetSessionCookie(session_id, 0)) return Failure("session cookie cannot be set");
+      RecordVisit(hash_, address_, username);
       return Redirect(LinkUrl());
     case KOVA_LOGIN_BLOCKED:
       return Blocked();
