@@ -93,8 +93,8 @@ inline constexpr char kShowHelp[] =
     "\n"
     "Shows every field of one link (with the whole link when the gate's web address is\n"
     "known; --qr prints it as a QR code) and the visitor sessions logged in to it now:\n"
-    "session id, address, account and when the access ends. With --json, the link's JSON\n"
-    "form with a \"sessions\" array added.\n";
+    "session id, address, account and when the access ends; then the latest logins (20\n"
+    "are kept). With --json, the link's JSON form with \"sessions\" and \"visits\" added.\n";
 
 inline constexpr char kUpdateHelp[] =
     "Usage: kovasharing update HASH OPTIONS\n"
