@@ -1,40 +1,9 @@
-// The platform's account login through PAM (pam_matrix fixture accounts) and failed-login
-// blocking over its shared store: the window, /64 prefixes, resets, and the store's file.
+// Failed-login blocking over its shared store: the window, /64 prefixes, resets, the file.
 #include <sys/stat.h>
 
 #include <string>
 
 #include "visitor_test_util.h"
-
-TEST(CgiRequestTest, AccountLoginThroughPam) {
-  kovatest::CgiRequest request;
-  request.Set("HTTP_COOKIE", "id=web-session-1");
-  KOVA_CGI_HANDLE h = nullptr;
-  ASSERT_EQ(1, KovaCgiInit("", &h));
-  ASSERT_EQ(1, KovaCgiLoadInCookies(h));
-  char reply[123];
-  auto login = [&](char const* user, char const* password, size_t size = sizeof reply) {
-    KOVA_CGI_LOGIN_REQ const req = {user, password, "webui", 15, 1};
-    return KovaCgiLogin(h, reply, size, &req);
-  };
-  EXPECT_EQ(1, login("Dave", "dave-secret"));
-  EXPECT_STREQ("user=Dave&sid=web-session-1&timeout=15", reply);
-  // A cookie set during the request is the web session; a small reply is cut and terminated.
-  ASSERT_EQ(1, KovaCgiSetCookies(h, "id", "from_sid", 0, "/", nullptr, 0));
-  EXPECT_EQ(1, login("bob", "bob-secret", 22));
-  EXPECT_STREQ("user=bob&sid=from_sid", reply);
-  EXPECT_EQ(0, login("alice", "Wr0ng-pa55word"));
-  EXPECT_STREQ("", reply);
-  // Unknown names and other spellings; erin knows her password, but the account step refuses
-  // her for this service. Nothing of a password is logged.
-  for (char const* user : {"zed", "ALICE", ""}) EXPECT_EQ(0, login(user, "alice-secret"));
-  kovatest::ClearLogs();
-  EXPECT_EQ(0, login("erin", "erin-secret"));
-  EXPECT_EQ(-1, login("alice", nullptr));
-  EXPECT_TRUE(kovatest::LogContains("account refused"));
-  for (auto const& line : kovatest::LogTexts()) EXPECT_EQ(std::string::npos, line.find("pa55"));
-  KovaCgiFree(h);
-}
 
 TEST(AutoBlockTest, WindowPrefixesAndResets) {
   char const ip[] = "198.51.100.1";
@@ -51,10 +20,6 @@ TEST(AutoBlockTest, WindowPrefixesAndResets) {
   EXPECT_EQ(-1, AutoBlockUnblock("198.51.100"));
   EXPECT_EQ(10, AutoBlockUnblock(ip));
   EXPECT_EQ(0, KovaCgiIsDeniedIP(ip));
-  // Not an address: nothing counted, nothing denied.
-  EXPECT_EQ(-1, AutoBlockFailLoginSet("not-an-ip", "SHARING"));
-  EXPECT_EQ(-1, KOVAAutoBlockFailLoginReset("198.51.100.1'--"));
-  EXPECT_EQ(0, KovaCgiIsDeniedIP(nullptr));
 
   // Only the last ten minutes count: ten failures 601 s old, nine 590 s old (in one statement,
   // so that a window too long by a second shows), then one more; the block lasts until the
