@@ -6,7 +6,7 @@
 
 using namespace visitortest;
 
-TEST_F(VisitorTest, HostileFieldsGetTheirCodes) {
+TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
   std::string const open = MakeEntry();
   std::string const pass = PasswordEntry("pw");
   std::string const user = UserEntry({"alice"});
@@ -34,19 +34,6 @@ TEST_F(VisitorTest, HostileFieldsGetTheirCodes) {
     ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(kAddr));
     EXPECT_EQ(before, Snapshot());
   }
-  // A junk session id at a login is ignored: a new session, the junk never stored.
-  EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, "' OR '1'='1"));
-  EXPECT_EQ("0", Value("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32"));
-  EXPECT_EQ(2, Rows("session"));
-  EXPECT_EQ("ok", Integrity());
-}
-
-TEST_F(VisitorTest, BrokenRequestsGetTheirCodes) {
-  std::string const open = MakeEntry();
-  std::string const user = UserEntry({"alice"});
-  std::string sid, out;
-  ASSERT_EQ(1, Login(sid, user.c_str(), nullptr, "alice", "alice-secret"));
-  std::string const before = Snapshot();
   // A missing or malformed client address: -4 before the link is used, nothing counted.
   std::string const huge(1 << 20, '9');
   for (char const* addr : {"", "192.0.2.1' OR '1'='1", "192.0.2.256", "fe80::1%lo", huge.c_str(),
@@ -55,7 +42,7 @@ TEST_F(VisitorTest, BrokenRequestsGetTheirCodes) {
     addr ? request().Set("REMOTE_ADDR", addr) : request().Unset("REMOTE_ADDR");
     EXPECT_EQ(-4, Login(out, open.c_str()));
     EXPECT_EQ(-4, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
-    EXPECT_EQ(-4, Check(user.c_str(), sid.c_str()));
+    EXPECT_EQ(-4, Check(user.c_str(), live.c_str()));
   }
   request().Set("REMOTE_ADDR", kAddr);
   EXPECT_EQ(before, Snapshot());
@@ -67,12 +54,17 @@ TEST_F(VisitorTest, BrokenRequestsGetTheirCodes) {
   for (long declared : {static_cast<long>(KOVA_CGI_MAX_BODY) + 1, 4096L}) {
     request().Post("_sid=x", declared);
     EXPECT_EQ(-3, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
-    EXPECT_EQ(-2, Check(user.c_str(), sid.c_str()));
-    EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, nullptr, true));
+    EXPECT_EQ(-2, Check(user.c_str(), live.c_str()));
+    EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, live.c_str(), true));
   }
   EXPECT_EQ(2, kovatest::FailCount(kAddr));
   request().Post("_sid=fine", 9);
-  EXPECT_EQ(1, Check(user.c_str(), sid.c_str()));
+  EXPECT_EQ(1, Check(user.c_str(), live.c_str()));
+  // A junk session id at a login is ignored: a new session, the junk never stored.
+  EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, "' OR '1'='1"));
+  EXPECT_EQ("0", Value("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32"));
+  EXPECT_EQ(2, Rows("session"));
+  EXPECT_EQ("ok", Integrity());
 }
 
 // Stores that refuse a write after the checks passed: no token outlives the failed login, and
