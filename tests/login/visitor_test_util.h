@@ -1,12 +1,16 @@
-// Fixture of the visitor-function tests: the process's sharing database (under the test
-// root) emptied before every test, links made through the entry store, raw reads of the
-// tables, and a CGI request from a default address.
+// Helpers of the login tests (tests/faults uses them too): a CGI request's environment, child
+// processes, the failed-login store, and the visitor fixture: the sharing database emptied
+// before every test, links made through the entry store, raw reads of the tables.
 #ifndef KOVA_TESTS_VISITOR_TEST_UTIL_H
 #define KOVA_TESTS_VISITOR_TEST_UTIL_H
 
 #include <gtest/gtest.h>
 #include <json/value.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <ctime>
 #include <functional>
@@ -15,15 +19,93 @@
 #include <string>
 #include <vector>
 
-#include "cgi_request.h"
 #include "kova_autoblock.h"
 #include "kova_cgi.h"
+#include "kova_paths.h"
 #include "kovasharing/entry.h"
 #include "kovasharing/entry_db.h"
 #include "kovasharing/result.h"
 #include "kovasharing/sharing_db.h"
 #include "kovasharing/sharinglogin.h"
 #include "kovatest.h"
+
+namespace kovatest {
+
+// The CGI variables of one request, cleared when it is made and when it ends; a POST body
+// comes on standard input through a pipe, as from a web server, until the request ends.
+class CgiRequest {
+ public:
+  explicit CgiRequest(char const* remote_addr = "192.0.2.10") : saved_stdin_(dup(STDIN_FILENO)) {
+    Clear();
+    if (remote_addr != nullptr) setenv("REMOTE_ADDR", remote_addr, 1);
+  }
+  ~CgiRequest() {
+    dup2(saved_stdin_, STDIN_FILENO);
+    close(saved_stdin_);
+    Clear();
+  }
+  CgiRequest(CgiRequest const&) = delete;
+  CgiRequest& operator=(CgiRequest const&) = delete;
+
+  void Set(char const* name, std::string const& value) { setenv(name, value.c_str(), 1); }
+  void Unset(char const* name) { unsetenv(name); }
+  // A form of `body` (small enough for a pipe's buffer), announced as `declared` bytes.
+  void Post(std::string const& body, long declared) {
+    Set("REQUEST_METHOD", "POST");
+    Set("CONTENT_TYPE", "application/x-www-form-urlencoded");
+    Set("CONTENT_LENGTH", std::to_string(declared));
+    int fds[2];
+    if (pipe(fds) != 0 || write(fds[1], body.data(), body.size()) != ssize_t(body.size())) abort();
+    close(fds[1]);
+    dup2(fds[0], STDIN_FILENO);
+    close(fds[0]);
+  }
+
+ private:
+  static void Clear() {
+    for (char const* name : {"REMOTE_ADDR", "QUERY_STRING", "HTTP_COOKIE", "REQUEST_METHOD",
+                             "CONTENT_TYPE", "CONTENT_LENGTH", "HTTPS"}) {
+      unsetenv(name);
+    }
+  }
+  int const saved_stdin_;
+};
+
+// Runs `work` in a child process and returns its exit code (-1 when it did not exit).
+inline int InChild(std::function<int()> const& work) {
+  pid_t const pid = fork();
+  if (pid == 0) _exit(work());
+  int status = 0;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs one statement on the failed-login store as the system account in a child (as the
+// store's file is written); a query gives the first column of its first row (keep it < 100).
+inline int AutoBlockSql(std::string const& sql) {
+  return InChild([&sql] {
+    if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) return 100;
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(KOVA_AUTOBLOCK_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK)
+      return 101;
+    sqlite3_busy_timeout(db, 5000);
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) return 102;
+    int const rc = sqlite3_step(stmt);
+    int const result = rc == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : rc == SQLITE_DONE ? 0 : 103;
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return result;
+  });
+}
+
+// Failed logins counted for `addr` (an IPv4 address) within the blocking window.
+inline int FailCount(std::string const& addr) {
+  return AutoBlockSql("SELECT COUNT(*) FROM fail_login WHERE addr = '" + addr +
+                      "' AND time > strftime('%s', 'now') - 600");
+}
+
+}  // namespace kovatest
 
 namespace visitortest {
 
@@ -62,7 +144,7 @@ class VisitorTest : public ::testing::Test {
   void Exec(std::string const& sql) {
     ASSERT_TRUE(db().Execute(sql)) << sql << ": " << db().GetLastError();
   }
-  // The first column of every row of `sql`, as text.
+  // The column v of every row of `sql`, as text; Value: of its one row.
   std::vector<std::string> Column(std::string const& sql) {
     std::vector<std::string> out;
     KOVA::sharing::db::Result result;
@@ -71,7 +153,6 @@ class VisitorTest : public ::testing::Test {
     while (result.NextRow(row)) out.push_back(row.GetField("v").AsString("<null>"));
     return out;
   }
-  // One value: `sql` selects one column named v.
   std::string Value(std::string const& sql) {
     std::vector<std::string> const values = Column(sql);
     return values.size() == 1 ? values[0] : "<" + std::to_string(values.size()) + " rows>";
@@ -85,24 +166,19 @@ class VisitorTest : public ::testing::Test {
   }
   // Every row of the three tables, for checks that nothing changed.
   std::string Snapshot() {
-    std::string out;
-    for (auto const& line : Column(
-             "SELECT 'e' || id || '|' || hash || '|' || project_name || '|' || enabled || '|' || "
-             "owner_uid || '|' || start_at || '|' || expire_at || '|' || expire_times || '|' || "
-             "use_count || '|' || auto_gc || '|' || data AS v FROM entry "
-             "UNION ALL SELECT 's' || id || '|' || session_id || '|' || uid || '|' || ip || '|' "
-             "|| timeout FROM session "
-             "UNION ALL SELECT 't' || id || '|' || entry_id || '|' || session_id || '|' || "
-             "timeout FROM token ORDER BY 1")) {
-      out += line + "\n";
-    }
-    return out;
+    return Value(
+        "SELECT group_concat(r, char(10)) AS v FROM (SELECT 'e' || id || '|' || hash || '|' || "
+        "project_name || '|' || enabled || '|' || owner_uid || '|' || start_at || '|' || "
+        "expire_at || '|' || expire_times || '|' || use_count || '|' || auto_gc || '|' || data "
+        "AS r FROM entry UNION ALL SELECT 's' || id || '|' || session_id || '|' || uid || '|' || "
+        "ip || '|' || timeout FROM session UNION ALL SELECT 't' || id || '|' || entry_id || '|' "
+        "|| session_id || '|' || timeout FROM token ORDER BY 1)");
   }
   std::string Integrity() {
     return Value("SELECT integrity_check AS v FROM pragma_integrity_check");
   }
 
-  // A legal, valid link of the owner alice, adjusted by `tune`, stored under a new hash.
+  // A valid link of the owner alice, adjusted by `tune`, stored under a new hash.
   std::string MakeEntry(std::function<void(Entry&)> const& tune = nullptr) {
     Entry entry;
     entry.set_project_name("visitor-test");
@@ -111,8 +187,7 @@ class VisitorTest : public ::testing::Test {
     app["path"] = "/share/photos";
     entry.set_app(app);
     if (tune) tune(entry);
-    EntryDB store(db());
-    EXPECT_TRUE(store.CreateWithHash(entry));
+    EXPECT_TRUE(EntryDB(db()).CreateWithHash(entry));
     return entry.get_hash();
   }
   std::string PasswordEntry(std::string const& password,
@@ -132,8 +207,7 @@ class VisitorTest : public ::testing::Test {
   }
   Entry Load(std::string const& hash) {
     Entry entry;
-    EntryDB store(db());
-    EXPECT_TRUE(store.GetByHash(hash, entry)) << hash;
+    EXPECT_TRUE(EntryDB(db()).GetByHash(hash, entry)) << hash;
     return entry;
   }
   int UseCount(std::string const& hash) {
@@ -141,7 +215,6 @@ class VisitorTest : public ::testing::Test {
         Number("SELECT use_count AS v FROM entry WHERE hash = '" + db().Escape(hash) + "'"));
   }
 
-  // Logs in with the given fields (NULL where a text is absent).
   int Login(std::string& sid, char const* hash, char const* password = nullptr,
             char const* username = nullptr, char const* user_password = nullptr,
             char const* session_id = nullptr, bool quiet = false) {
@@ -158,7 +231,6 @@ class VisitorTest : public ::testing::Test {
     return Value(std::string("SELECT ") + column + " AS v FROM session WHERE session_id = '" +
                  db().Escape(sid) + "'");
   }
-  // The timeout lies one day from now (within a few seconds of running time).
   static void ExpectOneDayAhead(long timeout) {
     long const now = static_cast<long>(time(nullptr));
     EXPECT_LE(timeout, now + kDay);
