@@ -13,17 +13,16 @@ struct LogLine {
   std::string text;  // fully formatted, "%m" expanded
 };
 
-// The lines the code under test sent to syslog since the last ClearLogs(), in order; their
-// texts; whether some contain `needle`, and how many.
+// The lines sent to syslog since the last ClearLogs(), in order; their texts; whether some
+// contain `needle`, and how many.
 std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<std::string> LogTexts();
 bool LogContains(std::string const& needle);
 int LogCount(std::string const& needle);
 
-// The appliance root of this build (KOVA_ROOT); whether the process really runs as root.
-std::string Root();
-bool RealRoot();
+std::string Root();  // the appliance root of this build (KOVA_ROOT)
+bool RealRoot();     // whether the process really runs as root
 
 // A fresh directory under /tmp, owned by the system account (uid 1, gid 1) with mode 0770
 // when running as root, removed with everything in it on destruction.
@@ -40,8 +39,7 @@ class TempDir {
   std::string path_;
 };
 
-// A shell command for test set-up (never the code under test); its exit status.
-int Shell(std::string const& command);
+int Shell(std::string const& command);          // for set-up only; the exit status
 std::string ReadFile(std::string const& path);  // empty when it cannot be read
 void WriteFile(std::string const& path, std::string const& text);
 void RemoveTree(std::string const& path);  // under /tmp only

@@ -1,6 +1,5 @@
 // Helpers of the tests that look at database files and identities directly: a connection of
-// their own to read what the code under test wrote, file owners, identity switches, work in a
-// forked child, and a clock boundary helper.
+// their own, file owners, identity switches, work in a forked child, a clock boundary.
 #ifndef KOVATEST_DB_H
 #define KOVATEST_DB_H
 
@@ -56,13 +55,11 @@ inline std::string Owner(std::string const& path) {
 }
 
 inline std::string Ids() { return std::to_string(geteuid()) + ":" + std::to_string(getegid()); }
-
-// Sets the effective ids, regaining root first when needed.
+// Sets the effective ids, regaining root first when needed; or all ids for good.
 inline bool Become(uid_t uid, gid_t gid) {
   return (geteuid() == 0 || setresuid(-1, 0, -1) == 0) && setresgid(-1, gid, -1) == 0 &&
          setresuid(-1, uid, -1) == 0;
 }
-
 inline bool DropForGood(unsigned id) {
   return setresgid(id, id, id) == 0 && setresuid(id, id, id) == 0;
 }

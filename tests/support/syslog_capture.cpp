@@ -6,8 +6,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -16,43 +14,28 @@
 
 namespace {
 
-std::mutex& LogMutex() {
-  static std::mutex m;
-  return m;
+// Reached before main too (a child of the fault tests logs from a static initializer).
+struct Store {
+  std::mutex mutex;
+  std::vector<kovatest::LogLine> lines;
+};
+Store& Captured() {
+  static Store store;
+  return store;
 }
 
-std::vector<kovatest::LogLine>& Store() {
-  static std::vector<kovatest::LogLine> lines;
-  return lines;
-}
-
+// The C library's formatting expands "%m" from errno, as syslog does.
 void Capture(int priority, char const* format, va_list ap) {
   int const saved = errno;
-  // Expand "%m" ourselves, as syslog does, before the ordinary formatting.
-  std::string fmt;
-  for (char const* p = format; *p; ++p) {
-    if (p[0] == '%' && p[1] == '%') {
-      fmt += "%%";
-      ++p;
-    } else if (p[0] == '%' && p[1] == 'm') {
-      for (char const* e = strerror(saved); *e; ++e) {
-        if (*e == '%') fmt += '%';
-        fmt += *e;
-      }
-      ++p;
-    } else {
-      fmt += *p;
-    }
-  }
   va_list copy;
   va_copy(copy, ap);
-  int const n = vsnprintf(nullptr, 0, fmt.c_str(), copy);
+  int const n = vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
   std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-  if (n > 0) vsnprintf(&text[0], text.size() + 1, fmt.c_str(), ap);
-  if (getenv("KOVA_TEST_ECHO_LOG")) fprintf(stderr, "[syslog %d] %s\n", priority, text.c_str());
-  std::lock_guard<std::mutex> lock(LogMutex());
-  Store().push_back({priority, text});
+  errno = saved;
+  if (n > 0) vsnprintf(&text[0], text.size() + 1, format, ap);
+  std::lock_guard<std::mutex> lock(Captured().mutex);
+  Captured().lines.push_back({priority, text});
   errno = saved;
 }
 
@@ -82,13 +65,13 @@ void closelog(void) {}
 namespace kovatest {
 
 std::vector<LogLine> Logs() {
-  std::lock_guard<std::mutex> lock(LogMutex());
-  return Store();
+  std::lock_guard<std::mutex> lock(Captured().mutex);
+  return Captured().lines;
 }
 
 void ClearLogs() {
-  std::lock_guard<std::mutex> lock(LogMutex());
-  Store().clear();
+  std::lock_guard<std::mutex> lock(Captured().mutex);
+  Captured().lines.clear();
 }
 
 std::vector<std::string> LogTexts() {
@@ -101,8 +84,7 @@ bool LogContains(std::string const& needle) { return LogCount(needle) > 0; }
 
 int LogCount(std::string const& needle) {
   int n = 0;
-  for (auto const& l : Logs())
-    if (l.text.find(needle) != std::string::npos) ++n;
+  for (auto const& l : Logs()) n += l.text.find(needle) != std::string::npos;
   return n;
 }
 

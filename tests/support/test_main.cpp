@@ -41,10 +41,7 @@ void PrepareRoot() {
     exit(2);
   }
   std::string const dir = root + "/usr/kova/etc/private/session/sharing";
-  kovatest::Shell("mkdir -p '" + dir + "'");
-  if (geteuid() == 0) {
-    kovatest::Shell("chown 1:1 '" + dir + "'");
-  }
+  kovatest::Shell("mkdir -p '" + dir + "'" + (geteuid() == 0 ? " && chown 1:1 '" + dir + "'" : ""));
   chmod(dir.c_str(), 0770);
 }
 

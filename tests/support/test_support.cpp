@@ -19,17 +19,14 @@ TempDir::TempDir() {
   char tmpl[] = "/tmp/kovatest.XXXXXX";
   if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
   path_ = tmpl;
-  if (geteuid() == 0) {
-    if (chown(path_.c_str(), 1, 1) != 0) throw std::runtime_error("chown failed");
-  }
+  if (geteuid() == 0 && chown(path_.c_str(), 1, 1) != 0) throw std::runtime_error("chown");
   chmod(path_.c_str(), 0770);
 }
 
 TempDir::~TempDir() { RemoveTree(path_); }
 
 int Shell(std::string const& command) {
-  // The shell must not start a pam_wrapper of its own: it would compete with the test
-  // program's for the same configuration directory under /tmp.
+  // A pam_wrapper of the shell's own would compete with the test program's under /tmp.
   char const* pam = getenv("PAM_WRAPPER");
   std::string const saved = pam != nullptr ? pam : "";
   if (pam != nullptr) unsetenv("PAM_WRAPPER");

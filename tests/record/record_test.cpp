@@ -1,29 +1,85 @@
-// The entry record: its row through the database, rows written by other programs, the caller's
-// form, its rules in their order, validity at its boundaries, time texts, password digests,
-// users and groups from the nss_wrapper fixtures, and the value semantics of the handle.
-#include "kovasharing/entry.h"
-
+// The records: an entry's row through the database, rows written by other programs, the
+// caller's form, the rules in their order, validity at its boundaries, password digests, users
+// and groups from the nss_wrapper fixtures; sessions and tokens with their rules and expiry.
 #include <gtest/gtest.h>
-#include <sys/time.h>
+#include <json/reader.h>
 
+#include <cstdlib>
+#include <functional>
+#include <regex>
 #include <string>
 #include <tuple>
 #include <vector>
 
 #include "kovasharing/constants.h"
+#include "kovasharing/entry.h"
+#include "kovasharing/object_db.h"
+#include "kovasharing/session.h"
+#include "kovasharing/sharing_db.h"
+#include "kovasharing/token.h"
 #include "kovasharing/utils.h"
-#include "record_test_util.h"
+#include "kovatest_db.h"
 
 using KOVA::sharing::db::ObjectDB;
 using KOVA::sharing::record::Entry;
-using recordtest::Parse;
+using KOVA::sharing::record::Session;
+using KOVA::sharing::record::Token;
 
 namespace {
 
+struct Database {
+  kovatest::TempDir dir;
+  KOVA::sharing::db::SharingDB db{dir.File("s.db")};
+  void Exec(std::string const& sql) { EXPECT_TRUE(db.Execute(sql)) << sql; }
+};
+
+// Calls `legal()` once a step: it must fail with exactly one line logged, of the shape
+// "<source>:<line> (<pid>) Failed [<condition>], err=<text>\n\n", each step's line further
+// down than the last (the rules are checked in their order); the step's repair then meets that
+// rule. Returns the line numbers.
+std::vector<int> RulesInOrder(std::function<bool()> const& legal, std::string const& source,
+                              std::vector<std::function<void()>> const& repairs) {
+  std::regex const shape("^" + source + ":(\\d+) \\(" + std::to_string(getpid()) +
+                         "\\) Failed \\[.*\\], err=[^\\n]*\\n\\n$");
+  std::vector<int> lines;
+  kovatest::ClearLogs();
+  for (size_t step = 0; step <= repairs.size(); ++step) {
+    EXPECT_EQ(step == repairs.size(), legal()) << "step " << step;
+    std::vector<std::string> const logged = kovatest::LogTexts();
+    kovatest::ClearLogs();
+    if (step == repairs.size()) {
+      EXPECT_TRUE(logged.empty());
+      break;
+    }
+    std::smatch m;
+    EXPECT_TRUE(logged.size() == 1u && std::regex_match(logged[0], m, shape))
+        << "step " << step << ": " << testing::PrintToString(logged);
+    if (m.empty()) continue;
+    lines.push_back(std::stoi(m[1]));
+    EXPECT_TRUE(lines.size() < 2 || lines.back() > lines[lines.size() - 2]) << "step " << step;
+    repairs[step]();
+  }
+  return lines;
+}
+
+Json::Value Parse(std::string const& text) {
+  Json::Value value;
+  EXPECT_TRUE(Json::Reader().parse(text, value)) << text;
+  return value;
+}
+
+// The row values and the row id.
+template <class R>
+std::vector<std::string> Fields(R const& r) {
+  std::vector<std::string> fields = r.GetFieldList();
+  fields.push_back(std::to_string(r.get_id()));
+  return fields;
+}
+
 Json::Value const kApp = Parse(R"({"name":"files","path":"/share/äöü \"quoted\""})");
 
-// A legal entry with its fields away from their defaults and a distinct value in each column,
-// so that a value in the wrong column shows after a round trip.
+// A legal entry with a distinct value in each column, away from the defaults, so that a value
+// in the wrong column shows after a round trip.
 Entry FullEntry() {
   Entry e;
   e.set_hash("Ab3dE5gH9").set_project_name("files").set_enabled(false).set_owner_uid(1000);
@@ -52,17 +108,16 @@ std::string Seen(Entry const& e) {
 }  // namespace
 
 TEST(EntryRow, ThroughTheDatabase) {
-  recordtest::Database base;
+  Database base;
   ObjectDB store(base.db, "entry");
-  Entry written = FullEntry(), read;
+  Entry written = FullEntry(), read, again;
   ASSERT_TRUE(store.Create(written.GetObject()));
   ASSERT_TRUE(store.GetById(written.get_id(), read.GetObject()));
-  EXPECT_EQ(recordtest::Fields(written), recordtest::Fields(read));
+  EXPECT_EQ(Fields(written), Fields(read));
   read.set_auto_gc(true).set_enabled(true).inc_use_count().set_protect_type(Entry::PROTECT_NONE);
   ASSERT_TRUE(store.Update(read.GetCObject()));
-  Entry again;
   ASSERT_TRUE(store.GetById(written.get_id(), again.GetObject()));
-  EXPECT_EQ(recordtest::Fields(read), recordtest::Fields(again));
+  EXPECT_EQ(Fields(read), Fields(again));
 
   // Rows written by other programs, read into a FullEntry: {data, usable, protection type,
   // algorithm, redirect type, address binding}. Missing members read as user protection, MD5
@@ -95,12 +150,11 @@ TEST(EntryRow, ThroughTheDatabase) {
                                         std::to_string(e.get_enable_match_ip()))
         << data;
     base.Exec("DELETE FROM entry WHERE hash = 'row'");
-    kovatest::ClearLogs();
   }
+  kovatest::ClearLogs();
 }
 
-TEST(EntryRow, CallersFormShowsNamesAndTimesNotSecrets) {
-  recordtest::SetZone("UTC0");
+TEST(EntryRow, CallersFormShowsNamesAndLocalTimesNotSecrets) {
   Json::Value out(Json::objectValue);
   out["stale"] = true;
   FullEntry().ToJSON(out);
@@ -122,26 +176,27 @@ TEST(EntryRow, CallersFormShowsNamesAndTimesNotSecrets) {
   EXPECT_EQ("user always none none",
             data["protect_type"].asString() + " " + data["redirect_type"].asString() + " " +
                 out["protect_type"].asString() + " " + out["redirect_type"].asString());
+  // Time texts are read and written in the local zone (the tests run in UTC).
+  setenv("TZ", "JST-9", 1), tzset();
+  odd.set_start_at_str("2024-01-02 03:04:05", "%Y-%m-%d %H:%M:%S");
+  EXPECT_EQ(1704132245, odd.get_start_at());  // 2024-01-01 18:04:05 UTC
+  EXPECT_EQ("2024-01-02", odd.get_start_at_str("%Y-%m-%d"));
+  setenv("TZ", "UTC", 1), tzset();
 }
 
 TEST(EntryRules, LegalityInItsOrder) {
   Entry e;
   e.set_private_data(Json::Value("not an object")).set_protect_type(Entry::PROTECT_PASSWORD);
   e.set_protect_password("", true, Entry::ENCRYPT_ALGO_MD5);  // fails: the entry is illegal
-  recordtest::RulesInOrder(
-      [&] { return e.IsLegal(); }, "entry",
-      {[&] { e.set_protect_password("", false, Entry::ENCRYPT_ALGO_DEFAULT); },
-       [&] { e.set_hash("h"); }, [&] { e.set_project_name("p"); },
-       [&] { e.set_owner_uid(0); },  // root owns like any other
-       [&] { e.set_app(Json::Value(Json::objectValue)); },
-       [&] { e.set_private_data(Json::Value(Json::objectValue)); },
-       [&] { e.set_protect_password("d", false, Entry::ENCRYPT_ALGO_DEFAULT); },
-       [&] { e.set_protect_type(Entry::PROTECT_USER); },
-       [&] { e.set_protect_gids({2001}); }});  // a group alone admits
-  // An MD5 digest needs no salt.
-  e.set_protect_type(Entry::PROTECT_PASSWORD)
-      .set_protect_password("abc", true, Entry::ENCRYPT_ALGO_MD5);
-  EXPECT_TRUE(e.get_protect_password_salt().empty() && e.IsLegal());
+  RulesInOrder([&] { return e.IsLegal(); }, "entry",
+               {[&] { e.set_protect_password("", false, Entry::ENCRYPT_ALGO_DEFAULT); },
+                [&] { e.set_hash("h"); }, [&] { e.set_project_name("p"); },
+                [&] { e.set_owner_uid(0); },  // root owns like any other
+                [&] { e.set_app(Json::Value(Json::objectValue)); },
+                [&] { e.set_private_data(Json::Value(Json::objectValue)); },
+                [&] { e.set_protect_password("d", false, Entry::ENCRYPT_ALGO_DEFAULT); },
+                [&] { e.set_protect_type(Entry::PROTECT_USER); },
+                [&] { e.set_protect_gids({2001}); }});  // a group alone admits
 }
 
 TEST(EntryRules, ValidityAtItsBoundaries) {
@@ -166,27 +221,19 @@ TEST(EntryRules, ValidityAtItsBoundaries) {
   EXPECT_EQ(0, used.set_expire_times(5).get_use_count());
   EXPECT_EQ(2, used.inc_use_count().inc_use_count().set_expire_times(6).get_use_count());
   EXPECT_FALSE(Entry(base).set_enabled(false).IsValid());
-  EXPECT_FALSE(Entry(base).set_hash("").IsValid());
   kovatest::ClearLogs();
-}
-
-TEST(EntryTime, TextsInTheLocalZone) {
-  char const* const format = "%Y-%m-%d %H:%M:%S";
-  recordtest::SetZone("JST-9");
-  Entry e;
-  EXPECT_EQ("", e.get_start_at_str(format));
-  e.set_start_at_str("2024-01-02 03:04:05", format).set_expire_at_str("2024-12-31", "%Y-%m-%d");
-  EXPECT_EQ(1704132245, e.get_start_at());  // 2024-01-01 18:04:05 UTC
-  EXPECT_EQ("2024-12-31 00:00:00", e.get_expire_at_str(format));
-  e.set_start_at_str("31.12.2024", format).set_expire_at_str("", format);  // unset
-  EXPECT_EQ(0, e.get_start_at() + e.get_expire_at());
-  recordtest::SetZone("UTC0");
 }
 
 TEST(EntryPassword, BothAlgorithms) {
   Entry e;
+  e.set_hash("h").set_project_name("p").set_owner_uid(1).set_app(kApp);
+  // An MD5 digest needs no salt.
   e.set_protect_type(Entry::PROTECT_PASSWORD)
-      .set_protect_password("x", true, Entry::ENCRYPT_ALGO_DEFAULT);
+      .set_protect_password("password", true, Entry::ENCRYPT_ALGO_MD5);
+  EXPECT_EQ("5f4dcc3b5aa765d61d8327deb882cf99", e.get_protect_password());
+  EXPECT_TRUE(e.get_protect_password_salt().empty() && e.IsLegal());
+  EXPECT_TRUE(e.IsPasswordValid("password") && !e.IsPasswordValid("Password"));
+  e.set_protect_password("x", true, Entry::ENCRYPT_ALGO_DEFAULT);
   std::string const salt = e.get_protect_password_salt();
   ASSERT_EQ(static_cast<std::size_t>(KOVA::sharing::SHARING_PASS_HASH_LENGTH), salt.size());
   std::string digest;  // the password first, then the salt
@@ -196,25 +243,17 @@ TEST(EntryPassword, BothAlgorithms) {
   e.set_protect_password("x", true, Entry::ENCRYPT_ALGO_DEFAULT);
   EXPECT_NE(salt, e.get_protect_password_salt()) << "every setting draws a new salt";
   EXPECT_TRUE(e.IsPasswordValid("x"));
-
-  e.set_protect_password("password", true, Entry::ENCRYPT_ALGO_MD5);
-  EXPECT_EQ("5f4dcc3b5aa765d61d8327deb882cf99", e.get_protect_password());
-  EXPECT_TRUE(e.IsPasswordValid("password") && !e.IsPasswordValid("Password"));
   // A digest given as such is kept; a difference anywhere, in length too, fails.
   std::string const abc = "900150983cd24fb0d6963f7d28e17f72";
-  for (std::string const& near : {"8" + abc.substr(1), abc.substr(0, 31), abc + "0"}) {
+  for (std::string const& near : {"8" + abc.substr(1), abc.substr(0, 31), abc + "0", abc}) {
     e.set_protect_password(near, false, Entry::ENCRYPT_ALGO_MD5);
-    EXPECT_FALSE(e.IsPasswordValid("abc")) << near;
+    EXPECT_EQ(near == abc, e.IsPasswordValid("abc")) << near;
   }
-  e.set_protect_password(abc, false, Entry::ENCRYPT_ALGO_MD5);
-  EXPECT_TRUE(e.IsPasswordValid("abc"));
   // A failed setting empties the digest and leaves the entry illegal until the next success.
   e.set_protect_password("", true, Entry::ENCRYPT_ALGO_MD5);
-  EXPECT_EQ("", e.get_protect_password());
-  EXPECT_FALSE(e.IsPasswordValid(""));
+  EXPECT_FALSE(e.IsPasswordValid("") || !e.get_protect_password().empty());
   e.set_protect_type(Entry::PROTECT_NONE);
   EXPECT_TRUE(e.IsPasswordValid("anything"));  // without password protection all pass
-  e.set_hash("h").set_project_name("p").set_owner_uid(1).set_app(kApp);
   EXPECT_FALSE(e.IsLegal());
   e.set_protect_password("y", true, Entry::ENCRYPT_ALGO_MD5);
   EXPECT_TRUE(e.IsLegal());
@@ -232,29 +271,63 @@ TEST(EntryProtection, OwnerUsersAndGroupsByName) {
   e.set_protect_groups({"editors", "nogroup", "Viewers"});
   EXPECT_EQ("1000,1002,alice,Dave,zed,|2001,editors,nogroup,Viewers,", Seen(e));
   e.set_protect_uids({4242, 1003});  // ids set directly replace the names
-  e.set_protect_gids({2003});
-  EXPECT_EQ("4242,1003,carol,|2003,empty,", Seen(e));
-
-  // A user made after the entry was set is admitted by name (nss_wrapper reloads a passwd
-  // file whose time changed).
-  std::string const path = getenv("NSS_WRAPPER_PASSWD") ? getenv("NSS_WRAPPER_PASSWD") : "";
-  std::string const original = kovatest::ReadFile(path);
-  struct stat st;
-  ASSERT_TRUE(!original.empty() && 0 == stat(path.c_str(), &st)) << path;
-  auto set_time = [&](time_t t) {
-    struct timeval times[2] = {{t, 0}, {t, 0}};
-    EXPECT_EQ(0, utimes(path.c_str(), times));
-  };
-  e.set_protect_users({"alice", "newbie"});
-  kovatest::WriteFile(path, original + "newbie:x:1010:2000:newbie:/home/newbie:/bin/sh\n");
-  set_time(st.st_mtime + 3600);
-  EXPECT_EQ("1000,1010,alice,newbie,|2003,empty,", Seen(e));
-  kovatest::WriteFile(path, original);
-  set_time(st.st_mtime);
-  EXPECT_EQ("1000,alice,newbie,|2003,empty,", Seen(e));
+  e.set_protect_gids({2003, 2999});
+  EXPECT_EQ("4242,1003,carol,|2003,2999,empty,", Seen(e));
 }
 
-TEST(EntryHandle, CopiesAndMovesAreIndependent) {
-  recordtest::ExpectValueSemantics<Entry>(
-      FullEntry().set_id(11), [](Entry& e) { e.set_hash("other").set_protect_uids({1}); });
+namespace {
+
+// The rules' log lines keep their numbers; expired at the second of the timeout, legal the
+// second before. Then `written` goes through the database, and `row` is written straight into
+// the table and read back: whether it was usable, and the fields it filled.
+template <class R>
+std::string Check(char const* table, std::vector<int> const& lines,
+                  std::vector<std::function<void(R&)>> repairs, R written, std::string const& row) {
+  R r;
+  std::vector<std::function<void()>> steps;
+  for (auto& repair : repairs) steps.push_back([&r, repair] { repair(r); });
+  EXPECT_EQ(lines, RulesInOrder([&r] { return r.IsLegal(); }, table, steps));
+  for (int later : {0, 1}) {
+    EXPECT_EQ(later == 1, kovatest::AtOneSecond(
+                              [&](time_t now) { return r.set_timeout(now + later).IsLegal(); }));
+  }
+  Database base;
+  ObjectDB store(base.db, table);
+  R read, raw;
+  EXPECT_TRUE(store.Create(written.GetObject()));
+  EXPECT_TRUE(store.GetById(written.get_id(), read.GetObject()));
+  EXPECT_EQ(Fields(written), Fields(read));
+  base.Exec(std::string("INSERT INTO ") + table + " VALUES (NULL, " + row + ")");
+  int id = 0;
+  EXPECT_TRUE(base.db.GetLastInsertId(id));
+  std::string out = std::to_string(store.GetById(id, raw.GetObject()));
+  for (std::string const& field : Fields(raw)) out += " " + field;
+  kovatest::ClearLogs();
+  return out;
+}
+
+}  // namespace
+
+TEST(SessionRecord, RulesExpiryAndRows) {
+  // The account is not checked: a session without one is legal, and keeps all bits set
+  // through the database. An expired row is read completely and refused.
+  Session written;
+  written.set_session_id("sid").set_uid(0xFFFFFFFFu).set_ip("::1").set_timeout(time(nullptr) + 99);
+  EXPECT_EQ("0 old 1001 10.0.0.1 1000 2",
+            Check<Session>(
+                "session", {87, 88, 89},
+                {[](Session& s) { s.set_session_id("sid"); }, [](Session& s) { s.set_ip("::1"); },
+                 [](Session& s) { s.set_timeout(time(nullptr) + 60); }},
+                written, "'old', 1001, '10.0.0.1', 1000"));
+}
+
+TEST(TokenRecord, RulesExpiryAndRows) {
+  // Only 0 means "not set" for the ids.
+  Token written;
+  written.set_entry_id(3).set_session_id(4).set_timeout(time(nullptr) + 99);
+  EXPECT_EQ("0 5 6 99 2", Check<Token>("token", {81, 82, 83},
+                                       {[](Token& t) { t.set_entry_id(-2); },
+                                        [](Token& t) { t.set_session_id(-3); },
+                                        [](Token& t) { t.set_timeout(time(nullptr) + 60); }},
+                                       written, "5, 6, 99"));
 }
