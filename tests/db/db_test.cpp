@@ -356,10 +356,10 @@ std::string Failed(std::string const& script, std::string const& why, int from) 
 TEST(SharingDB, MigratesFromWhereItStands) {
   TempDir dir;
   std::string const v1sql = ReadFile(Schema("1.sql"));
-  // Both scripts run by hand, for comparison.
-  MakeDb(dir.File("by-hand.db"), v1sql + ReadFile(Schema("2.sql")));
+  // Every script run by hand, for comparison.
+  MakeDb(dir.File("by-hand.db"), v1sql + ReadFile(Schema("2.sql")) + ReadFile(Schema("3.sql")));
   std::string const newest = Shape(dir.File("by-hand.db"));
-  ASSERT_EQ("2;", newest.substr(0, 2));
+  ASSERT_EQ("3;", newest.substr(0, 2));
   ClearLogs();
   EXPECT_TRUE(SharingDB(dir.File("fresh.db")).IsGood());
   EXPECT_EQ("", Log());
@@ -367,14 +367,14 @@ TEST(SharingDB, MigratesFromWhereItStands) {
   EXPECT_EQ(newest, Shape(dir.File("fresh.db")));
 
   Script one("1.sql");
-  EXPECT_TRUE(Open(dir.File("v1.db"), v1sql)) << "version 1 runs only the second script";
+  EXPECT_TRUE(Open(dir.File("v1.db"), v1sql)) << "version 1 runs only the later scripts";
   EXPECT_EQ(newest, Shape(dir.File("v1.db")));
   EXPECT_FALSE(Open(dir.File("v0.db"), "")) << "the first failed step ends the migration";
   EXPECT_EQ(Failed("1.sql", "No such file or directory", 0), Log());
   EXPECT_EQ("0;NULL", Shape(dir.File("v0.db")));
 
   Script two("2.sql");
-  for (std::string version : {"2", "7"}) {  // current or newer: no script is read
+  for (std::string version : {"3", "7"}) {  // current or newer: no script is read
     EXPECT_TRUE(Open(dir.File(version + ".db"), "PRAGMA user_version = " + version + ";"));
     EXPECT_EQ(version + ";NULL", Shape(dir.File(version + ".db")));
   }
@@ -411,11 +411,28 @@ TEST(SharingDB, InstanceIsOneAndMigratesOnce) {
   for (char const* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
   SharingDB& first = SharingDB::Instance();
   ASSERT_TRUE(first.IsGood());
-  EXPECT_EQ("660 1:1 2", Owner(path) + " " + Sql(path, "PRAGMA user_version"));
-  Sql(path, "PRAGMA user_version = 0;");  // a second migration would bring it back to 2
+  EXPECT_EQ("660 1:1 3", Owner(path) + " " + Sql(path, "PRAGMA user_version"));
+  Sql(path, "PRAGMA user_version = 0;");  // a second migration would bring it back to 3
   EXPECT_EQ(&first, &SharingDB::Instance());
   EXPECT_EQ("0", Sql(path, "PRAGMA user_version"));
-  Sql(path, "PRAGMA user_version = 2;");
+  Sql(path, "PRAGMA user_version = 3;");
+}
+
+// The visits of a link: its 20 latest are kept, and they go with the link.
+TEST(SharingDB, VisitsKeepTheLatestAndGoWithTheirLink) {
+  TempDir dir;
+  ASSERT_TRUE(SharingDB(dir.File("v.db")).IsGood());
+  std::string sql = "INSERT INTO entry (hash) VALUES ('a'), ('b');";
+  for (int i = 1; i <= 25; ++i) {
+    sql += "INSERT INTO visit (entry_id, at) VALUES (1, " + std::to_string(i) + "), (2, " +
+           std::to_string(i) + ");";
+  }
+  Sql(dir.File("v.db"), sql);
+  EXPECT_EQ("20|6|25", Sql(dir.File("v.db"),
+                           "SELECT count(*), min(at), max(at) FROM visit WHERE entry_id = 1"));
+  Sql(dir.File("v.db"), "DELETE FROM entry WHERE id = 1");
+  EXPECT_EQ("0|20",
+            Sql(dir.File("v.db"), "SELECT sum(entry_id = 1), sum(entry_id = 2) FROM visit"));
 }
 
 }  // namespace
