@@ -140,14 +140,12 @@ class GateTest : public ::testing::Test {
 
   // A link of alice's with no protection and no redirect, as `tweak` changes it.
   static std::string Make(std::function<void(Entry&)> const& tweak = nullptr) {
-    Entry entry;
-    entry.set_project_name("gate-test");
-    entry.set_owner_user("alice");
-    entry.set_protect_type(Entry::PROTECT_NONE);
-    entry.set_redirect_type(Entry::REDIRECT_NONE);
     Json::Value app(Json::objectValue);
     app["title"] = "Holiday pictures";
-    entry.set_app(app);
+    Entry entry;
+    entry.set_project_name("gate-test").set_app(app);
+    entry.set_owner_user("alice");
+    entry.set_protect_type(Entry::PROTECT_NONE).set_redirect_type(Entry::REDIRECT_NONE);
     if (tweak) tweak(entry);
     EXPECT_TRUE(EntryDB(SharingDB::Instance()).CreateWithHash(entry));
     return entry.get_hash();
