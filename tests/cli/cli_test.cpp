@@ -1,7 +1,6 @@
 // The administrator tool, run as a real child process against this build's sharing database.
 // Visitors log in through the library in this process, so the tool sees real sessions and
 // tokens; raw SQL is used only to look at rows and to age them.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/reader.h>
 #include <kovasharing/kovasharing.h>
@@ -9,58 +8,42 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <memory>
-#include <sstream>
+#include <regex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "kova_paths.h"
 #include "kovatest.h"
 
-extern char** environ;
-
 namespace {
 
-using KOVA::sharing::db::Result;
-using KOVA::sharing::db::Row;
 using KOVA::sharing::db::SharingDB;
+using Strings = std::vector<std::string>;
 
 struct Outcome {
   int status;
-  std::string out;
-  std::string err;
+  std::string out, err;
 };
 
-// Runs the tool with `args` and `input` on its standard input. pam_wrapper is left out of its
-// environment: the tool logs nobody in, and every process that loads it sets up a directory
-// of its own under /tmp that others starting at the same moment may fight over.
-Outcome Cli(std::vector<std::string> const& args, std::string const& input = "") {
+// Runs the tool with `args` and `input` on its standard input, without pam_wrapper: the tool
+// logs nobody in, and every process that loads it makes a directory under /tmp that others
+// starting at the same moment may fight over.
+Outcome Cli(Strings const& args, std::string const& input = "") {
   kovatest::TempDir dir;
   kovatest::WriteFile(dir.File("in"), input);
   pid_t const pid = fork();
   if (pid == 0) {
-    std::vector<std::string> names;
-    for (char** var = environ; *var != nullptr; ++var) {
-      if (strncmp(*var, "PAM_WRAPPER", 11) == 0) names.push_back(strtok(*var, "="));
-    }
-    for (auto const& name : names) unsetenv(name.c_str());
-    std::istringstream libs(getenv("LD_PRELOAD") ? getenv("LD_PRELOAD") : "");
-    std::string preload;
-    for (std::string lib; std::getline(libs, lib, ':');) {
-      if (!lib.empty() && lib.find("pam_wrapper") == std::string::npos)
-        preload += (preload.empty() ? "" : ":") + lib;
-    }
-    setenv("LD_PRELOAD", preload.c_str(), 1);
-    if (!freopen(dir.File("in").c_str(), "r", stdin) ||
-        !freopen(dir.File("out").c_str(), "w", stdout) ||
-        !freopen(dir.File("err").c_str(), "w", stderr))
-      _exit(126);
+    std::string const preload = getenv("LD_PRELOAD") ? getenv("LD_PRELOAD") : "";
+    setenv("LD_PRELOAD",
+           std::regex_replace(preload, std::regex("[^:]*pam_wrapper[^:]*"), "").c_str(), 1);
     std::vector<char*> argv{const_cast<char*>(KOVA_CLI_PROGRAM)};
     for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    execv(KOVA_CLI_PROGRAM, argv.data());
+    if (freopen(dir.File("in").c_str(), "r", stdin) &&
+        freopen(dir.File("out").c_str(), "w", stdout) &&
+        freopen(dir.File("err").c_str(), "w", stderr))
+      execv(KOVA_CLI_PROGRAM, argv.data());
     _exit(127);
   }
   int status = -1;
@@ -71,86 +54,81 @@ Outcome Cli(std::vector<std::string> const& args, std::string const& input = "")
 
 Json::Value Parse(std::string const& text) {
   Json::Value value;
-  std::string errors;
   std::unique_ptr<Json::CharReader> const reader(Json::CharReaderBuilder().newCharReader());
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text;
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, nullptr)) << text;
   return value;
 }
 
-using Strings = std::vector<std::string>;
 Strings Names(Json::Value const& array) {
   Strings out;
   for (auto const& item : array) out.push_back(item.asString());
   return out;
 }
 
-// An option of `create` or `update`, and the field of the entry's JSON form it sets.
-struct Field {
-  char const* option;
-  char const* value;
-  char const* key;
-  char const* shown;
-};
-Strings Options(Strings words, std::vector<Field> const& fields) {
-  for (auto const& f : fields) words.insert(words.end(), {f.option, f.value});
+// Options of `create` or `update` and what the entry's JSON form shows for each:
+// {option, value, key, shown}.
+using Fields = std::vector<std::array<char const*, 4>>;
+Strings Options(Strings words, Fields const& fields) {
+  for (auto const& f : fields) words.insert(words.end(), {f[0], f[1]});
   return words;
 }
-void ExpectFields(Json::Value const& json, std::vector<Field> const& fields) {
-  for (auto const& f : fields) EXPECT_EQ(f.shown, json[f.key].asString()) << f.key;
+void ExpectFields(Json::Value const& json, Fields const& fields) {
+  for (auto const& f : fields) EXPECT_EQ(f[3], json[f[2]].asString()) << f[2];
 }
 
 class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(db().IsGood());
-    for (char const* table : {"token", "session", "entry"}) {
+    for (char const* table : {"token", "session", "entry"})
       ASSERT_TRUE(db().Execute(std::string("DELETE FROM ") + table));
-    }
   }
   static SharingDB& db() { return SharingDB::Instance(); }
 
-  // The first column of the first row of `sql`, as text.
-  std::string Value(std::string const& sql) {
-    Result result;
-    Row row;
+  // The column v of the first row of `sql`, as text.
+  static std::string Value(std::string const& sql) {
+    KOVA::sharing::db::Result result;
+    KOVA::sharing::db::Row row;
     if (!db().Execute(sql, result) || !result.NextRow(row)) return "<none>";
     return row.GetField("v").AsString("<null>");
   }
-  int Rows(char const* table) {
+  static int Rows(char const* table) {
     return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
   }
-  void AgeToken(std::string const& sid) {
+  static void AgeToken(std::string const& sid) {
     ASSERT_TRUE(
         db().Execute("UPDATE token SET timeout = 1 WHERE session_id = (SELECT id FROM "
                      "session WHERE session_id = '" +
                      sid + "')"));
   }
 
-  // Makes a link with the tool; returns its hash.
-  std::string Create(Strings args, std::string const& input = "") {
-    args.insert(args.begin(), "create");
-    Outcome const run = Cli(args, input);
+  // The hash that `create` printed; Create makes a link with the tool.
+  static std::string Hash(Outcome const& run) {
     EXPECT_EQ(0, run.status) << run.err;
     EXPECT_EQ(10u, run.out.size()) << run.out;  // the hash and a line break
     return run.out.substr(0, run.out.find('\n'));
   }
-  Json::Value Json(Strings args) {
+  static std::string Create(Strings args, char const* owner = "alice", char const* project = "p",
+                            std::string const& input = "") {
+    args.insert(args.begin(), {"create", "--project", project, "--owner", owner});
+    return Hash(Cli(args, input));
+  }
+  static Json::Value Json(Strings args) {
     args.push_back("--json");
     Outcome const run = Cli(args);
     EXPECT_EQ(0, run.status) << run.err;
     return Parse(run.out);
   }
-  Json::Value Show(std::string const& hash) { return Json({"show", hash}); }
-  Strings Listed(Strings args, Json::Value* whole = nullptr) {
+  static Json::Value Show(std::string const& hash) { return Json({"show", hash}); }
+  static Strings Listed(Strings args) {
     args.insert(args.begin(), "list");
-    Json::Value const list = Json(args);
-    if (whole != nullptr) *whole = list;
     Strings out;
+    Json::Value const list = Json(args);
     for (auto const& entry : list["entries"]) out.push_back(entry["hash"].asString());
     return out;
   }
 
-  // A visitor's login from `addr` (an account login when `user` is given).
+  // A visitor's login from `addr` (an account login when `user` is given), and its check.
   static int Login(std::string& sid, std::string const& hash, char const* addr,
                    char const* password, char const* user = nullptr) {
     setenv("REMOTE_ADDR", addr, 1);
@@ -167,9 +145,9 @@ class CliTest : public ::testing::Test {
 
 TEST_F(CliTest, CreatesEachKindOfProtection) {
   // No protection, with every other field given.
-  std::vector<Field> const fields = {
+  Fields const fields = {
       {"--project", "photos", "project_name", "photos"},
-      {"--owner", "alice", "owner_user", "alice"},
+      {"--owner", "bob", "owner_user", "bob"},
       {"--max-uses", "3", "expire_times", "3"},
       {"--start-at", "2024-01-02 03:04:05", "start_at", "2024-01-02 03:04:05"},
       {"--expire-at", "2030-06-07 08:09:10", "expire_at", "2030-06-07 08:09:10"},
@@ -179,7 +157,7 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
       {"--title", "Summer", "protect_title", "Summer"},
       {"--app", R"({"path":"/a"})", "protect_type", "none"},  // and no protection option
   };
-  std::string const open = Create(Options({}, fields));
+  std::string const open = Hash(Cli(Options({"create"}, fields)));
   Json::Value shown = Show(open);
   ExpectFields(shown, fields);
   EXPECT_EQ("/a", shown["app"]["path"].asString());
@@ -188,20 +166,18 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
 
   // A password from standard input; the JSON answer names the new hash.
   Outcome const made =
-      Cli({"create", "--project", "docs", "--owner", "bob", "--password-stdin", "--json"},
+      Cli({"create", "--project", "d", "--owner", "bob", "--password-stdin", "--json"},
           "pass phrase\n");
   ASSERT_EQ(0, made.status) << made.err;
-  Json::Value const pw = Parse(made.out);
+  std::string const hash = Parse(made.out)["hash"].asString();
   std::string sid;
-  EXPECT_EQ(-9, Login(sid, pw["hash"].asString(), "192.0.2.11", "pass"));
-  EXPECT_EQ(1, Login(sid, pw["hash"].asString(), "192.0.2.11", "pass phrase"));
-  std::string const md5 =
-      Create({"--project", "docs", "--owner", "bob", "--password", "m", "--password-algo", "md5"});
-  EXPECT_EQ(1, Login(sid, md5, "192.0.2.11", "m"));
+  EXPECT_EQ(-9, Login(sid, hash, "192.0.2.11", "pass"));
+  EXPECT_EQ(1, Login(sid, hash, "192.0.2.11", "pass phrase"));
+  EXPECT_EQ(1,
+            Login(sid, Create({"--password", "m", "--password-algo", "md5"}), "192.0.2.11", "m"));
 
   // Users and groups; the accounts' own case of the name is kept.
-  std::string const users = Create({"--project", "review", "--owner", "carol", "--users", "alice",
-                                    "--users", "Dave", "--groups", "viewers"});
+  std::string const users = Create({"--users", "alice", "--users", "Dave", "--groups", "viewers"});
   shown = Show(users);
   EXPECT_EQ("user", shown["protect_type"].asString());
   EXPECT_EQ((Strings{"alice", "Dave"}), Names(shown["protect_users"]));
@@ -209,23 +185,19 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
   EXPECT_EQ(-10, Login(sid, users, "192.0.2.12", "bob-secret", "bob"));
   EXPECT_EQ(1, Login(sid, users, "192.0.2.12", "carol-secret", "carol"));  // a viewer
   // A name made later is kept only when asked for.
-  std::string const later = Create(
-      {"--project", "review", "--owner", "carol", "--users", "zed,alice", "--allow-unknown"});
+  std::string const later = Create({"--users", "zed,alice", "--allow-unknown"});
   EXPECT_EQ((Strings{"alice", "zed"}), Names(Show(later)["protect_users"]));
 }
 
 TEST_F(CliTest, ListsWithFiltersAndPages) {
-  Strings h;
-  h.push_back(Create({"--project", "p1", "--owner", "alice"}));
-  h.push_back(Create({"--project", "p1", "--owner", "alice", "--enabled", "no"}));
-  h.push_back(
-      Create({"--project", "p1", "--owner", "alice", "--expire-at", "2020-01-01 00:00:00"}));
-  h.push_back(Create({"--project", "p2", "--owner", "bob", "--max-uses", "1"}));
-  h.push_back(Create({"--project", "p2", "--owner", "bob"}));
+  Strings const h = {Create({}), Create({"--enabled", "no"}),
+                     Create({"--expire-at", "2020-01-01 00:00:00"}),
+                     Create({"--max-uses", "1"}, "bob", "p2"), Create({}, "bob", "p2")};
   ASSERT_EQ(0, Cli({"update", h[3], "--use-count", "1"}).status);  // used up
-
-  // Filters, and pages of two in creation order.
-  std::vector<std::pair<Strings, std::vector<int>>> const cases = {
+  struct {
+    Strings args;
+    std::vector<int> want;
+  } const cases[] = {
       {{}, {0, 1, 2, 3, 4}},
       {{"--owner", "alice"}, {0, 1, 2}},
       {{"--project", "p2"}, {3, 4}},
@@ -233,91 +205,69 @@ TEST_F(CliTest, ListsWithFiltersAndPages) {
       {{"--expired", "yes"}, {2, 3}},
       {{"--expired", "no"}, {0, 1, 4}},
       {{"--expired", "no", "--owner", "alice", "--enabled", "no"}, {1}},
+      {{"--page-size", "2", "--page", "2"}, {2, 3}},
       {{"--page-size", "2", "--page", "3"}, {4}},
       {{"--page-size", "2", "--page", "4"}, {}},
   };
   for (auto const& c : cases) {
     Strings want;
-    for (int i : c.second) want.push_back(h[i]);
-    EXPECT_EQ(want, Listed(c.first)) << ::testing::PrintToString(c.first);
+    for (int i : c.want) want.push_back(h[i]);
+    EXPECT_EQ(want, Listed(c.args)) << ::testing::PrintToString(c.args);
   }
   // The total counts every match, not the page.
-  Json::Value page;
-  EXPECT_EQ((Strings{h[2], h[3]}), Listed({"--page-size", "2", "--page", "2"}, &page));
-  EXPECT_EQ(5, page["total"].asInt());
-  EXPECT_EQ(2, page["page"].asInt());
-
-  // The table: a header, one row a link, a footer.
-  Outcome const table = Cli({"list", "--owner", "bob"});
-  ASSERT_EQ(0, table.status);
-  EXPECT_EQ(0u, table.out.find("HASH "));
-  EXPECT_NE(std::string::npos, table.out.find("\n" + h[3] + "  p2       bob    yes"));
-  EXPECT_NE(std::string::npos, table.out.find("1/1"));
-  EXPECT_NE(std::string::npos, table.out.find("(entries 1-2 of 2, page 1)\n"));
+  EXPECT_EQ(5, Json({"list", "--page-size", "2", "--page", "2"})["total"].asInt());
+  std::string const table = Cli({"list", "--owner", "bob"}).out;
+  EXPECT_EQ(0u, table.find("HASH "));
+  EXPECT_NE(std::string::npos, table.find("\n" + h[3] + "  p2       bob    yes"));
+  EXPECT_NE(std::string::npos, table.find("(entries 1-2 of 2, page 1)\n"));
 }
 
 TEST_F(CliTest, ShowsLiveSessionsAndLogsThemOut) {
-  std::string const hash = Create({"--project", "team", "--owner", "alice", "--groups", "editors"});
+  std::string const hash = Create({"--groups", "editors"});
   std::string alice, dave;
   ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
   ASSERT_EQ(1, Login(dave, hash, "192.0.2.32", "dave-secret", "Dave"));
-
-  Json::Value sessions = Show(hash)["sessions"];
+  Json::Value const sessions = Show(hash)["sessions"];
   ASSERT_EQ(2u, sessions.size());
   EXPECT_EQ(alice, sessions[0]["session_id"].asString());
   EXPECT_EQ("192.0.2.31", sessions[0]["ip"].asString());
   EXPECT_EQ("alice", sessions[0]["account"].asString());
   EXPECT_EQ("Dave", sessions[1]["account"].asString());
-  // A day ahead, as the login set it.
-  time_t const tomorrow = time(nullptr) + 86400;
-  char day[16];
-  strftime(day, sizeof day, "%Y-%m-%d", gmtime(&tomorrow));
-  EXPECT_EQ(0u, sessions[0]["expire_at"].asString().find(day));
-
-  Outcome const table = Cli({"show", hash});
-  EXPECT_NE(std::string::npos, table.out.find("2 live sessions\n"));
-  EXPECT_NE(std::string::npos, table.out.find(alice + "  192.0.2.31  alice"));
+  std::string const table = Cli({"show", hash}).out;
+  EXPECT_NE(std::string::npos, table.find("2 live sessions\n"));
+  EXPECT_NE(std::string::npos, table.find(alice + "  192.0.2.31  alice"));
 
   // An expired token no longer counts as a live session.
   AgeToken(dave);
   EXPECT_EQ(1u, Show(hash)["sessions"].size());
-
   Outcome const out = Cli({"logout", hash, "--", alice});
-  EXPECT_EQ(0, out.status) << out.err;
-  EXPECT_EQ("logged out " + alice + " from " + hash + "\n", out.out);
+  EXPECT_EQ("logged out " + alice + " from " + hash + "\n", out.out) << out.err;
   EXPECT_NE(1, Check(alice, hash, "192.0.2.31"));
   EXPECT_EQ(0u, Show(hash)["sessions"].size());
   EXPECT_EQ(2, Rows("session"));  // the sessions themselves stay
   Outcome const again = Cli({"logout", hash, "--", alice});
   EXPECT_EQ(6, again.status);
   EXPECT_EQ("kovasharing: session \"" + alice + "\" is not logged in to " + hash + "\n", again.err);
-
   ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
-  Json::Value const done = Parse(Cli({"logout", "--json", hash, "--", alice}).out);
-  EXPECT_TRUE(done["logged_out"].asBool());
-  EXPECT_EQ(alice, done["session_id"].asString());
+  EXPECT_TRUE(Parse(Cli({"logout", "--json", hash, "--", alice}).out)["logged_out"].asBool());
+  EXPECT_NE(1, Check(alice, hash, "192.0.2.31"));
 }
 
 TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
-  std::string const hash =
-      Create({"--project", "docs", "--owner", "alice", "--password", "old-pw"});
+  std::string const hash = Create({"--password", "old-pw"});
   std::string const data = "SELECT data AS v FROM entry WHERE hash = '" + hash + "'";
-  Json::Value const before = Parse(Value(data));
-  std::string sid;
+  std::string const salt = Parse(Value(data))["protect_password_salt"].asString();
+  std::string sid, fresh;
   ASSERT_EQ(1, Login(sid, hash, "192.0.2.41", "old-pw"));
-
   Outcome const changed = Cli({"update", hash, "--password-stdin"}, "new-pw\n");
-  ASSERT_EQ(0, changed.status) << changed.err;
-  EXPECT_EQ("updated " + hash + " (earlier logins ended)\n", changed.out);
-  Json::Value const after = Parse(Value(data));
-  EXPECT_NE(before["protect_password_salt"], after["protect_password_salt"]);
+  EXPECT_EQ("updated " + hash + " (earlier logins ended)\n", changed.out) << changed.err;
+  EXPECT_NE(salt, Parse(Value(data))["protect_password_salt"].asString());
   EXPECT_NE(1, Check(sid, hash, "192.0.2.41"));  // admitted under the old password: out
-  std::string fresh;
   EXPECT_EQ(-9, Login(fresh, hash, "192.0.2.41", "old-pw"));
   EXPECT_EQ(1, Login(fresh, hash, "192.0.2.41", "new-pw"));
 
   // Other fields leave earlier logins alone.
-  std::vector<Field> const changes = {
+  Fields const changes = {
       {"--project", "renamed", "project_name", "renamed"},
       {"--owner", "bob", "owner_user", "bob"},
       {"--enabled", "no", "enabled", "false"},
@@ -335,22 +285,17 @@ TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
 }
 
 TEST_F(CliTest, DeletesByHashAndByOwner) {
-  std::string const a1 = Create({"--project", "p", "--owner", "alice"});
-  std::string const b1 = Create({"--project", "p", "--owner", "bob"});
-  std::string const b2 = Create({"--project", "q", "--owner", "bob"});
+  std::string const a1 = Create({});
+  std::string const b1 = Create({}, "bob");
+  Create({}, "bob", "q");
   std::string sid;
   ASSERT_EQ(1, Login(sid, b1, "192.0.2.51", nullptr));
   ASSERT_EQ(1, Login(sid, a1, "192.0.2.51", nullptr));
-
-  Outcome const one = Cli({"delete", a1});
-  EXPECT_EQ(0, one.status) << one.err;
-  EXPECT_EQ("deleted 1 entry\n", one.out);
+  EXPECT_EQ("deleted 1 entry\n", Cli({"delete", a1}).out);
   EXPECT_EQ(4, Cli({"show", a1}).status);
   EXPECT_EQ(1, Rows("token"));  // its visitor's access went with it
-
   Outcome const owner = Cli({"--json", "delete", "--owner", "bob"});  // before the command too
-  EXPECT_EQ(0, owner.status) << owner.err;
-  EXPECT_EQ(2, Parse(owner.out)["deleted"].asInt());
+  EXPECT_EQ(2, Parse(owner.out)["deleted"].asInt()) << owner.err;
   EXPECT_EQ(0, Rows("entry"));
   EXPECT_EQ(0, Rows("token"));
   EXPECT_EQ("deleted 0 entries\n", Cli({"delete", "--owner", "carol"}).out);
@@ -359,8 +304,7 @@ TEST_F(CliTest, DeletesByHashAndByOwner) {
 // An address blocked by failed logins: listed with its failures and the end of the block,
 // and lifted by the administrator; a text that is no address is refused.
 TEST_F(CliTest, ListsAndLiftsBlockedAddresses) {
-  std::string const hash =
-      Create({"--project", "p", "--owner", "alice", "--password-stdin"}, "pw\n");
+  std::string const hash = Create({"--password-stdin"}, "alice", "p", "pw\n");
   char const addr[] = "192.0.2.91";
   ASSERT_EQ(0, Cli({"unblock", addr}).status);
   std::string sid;
@@ -374,73 +318,53 @@ TEST_F(CliTest, ListsAndLiftsBlockedAddresses) {
   EXPECT_TRUE(found["blocked"].asBool());
   EXPECT_EQ(19u, found["blocked_until"].asString().size());
   EXPECT_NE(std::string::npos, Cli({"blocked"}).out.find("\n192.0.2.91 "));
-  struct Case {
-    Strings args;
-    int status;
-    std::string out;
-  } const cases[] = {
-      {{"unblock", "192.0.2"}, 2, ""},
-      {{"unblock"}, 2, ""},
-      {{"unblock", addr}, 0, "unblocked 192.0.2.91 (10 failed logins cleared)\n"},
-      {{"unblock", addr}, 0, "unblocked 192.0.2.91 (0 failed logins cleared)\n"},
-  };
-  for (auto const& c : cases) {
-    Outcome const run = Cli(c.args);
-    EXPECT_EQ(c.status, run.status) << c.args.size();
-    EXPECT_EQ(c.out, run.out);
-  }
+  EXPECT_EQ(2, Cli({"unblock", "192.0.2"}).status);
+  EXPECT_EQ(2, Cli({"unblock"}).status);
+  EXPECT_EQ("unblocked 192.0.2.91 (10 failed logins cleared)\n", Cli({"unblock", addr}).out);
+  EXPECT_EQ("unblocked 192.0.2.91 (0 failed logins cleared)\n", Cli({"unblock", addr}).out);
   EXPECT_EQ(1, Login(sid, hash, addr, "pw"));
 }
 
 TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
-  std::string const gone = Create({"--project", "p", "--owner", "alice"});
-  std::string const kept = Create({"--project", "p", "--owner", "alice", "--auto-gc", "no",
-                                   "--expire-at", "2020-01-01 00:00:00"});
-  std::string const used = Create({"--project", "p", "--owner", "alice", "--max-uses", "1"});
-  std::string const live = Create({"--project", "p", "--owner", "alice"});
+  std::string const gone = Create({});
+  std::string const kept = Create({"--auto-gc", "no", "--expire-at", "2020-01-01 00:00:00"});
+  std::string const used = Create({"--max-uses", "1"});
+  std::string const live = Create({});
   Strings sids(3);
   ASSERT_EQ(1, Login(sids[0], gone, "192.0.2.61", nullptr));
-  for (int i = 0; i < 3; ++i) {
-    std::string const addr = "192.0.2.6" + std::to_string(i + 2);
-    ASSERT_EQ(1, Login(sids[i], live, addr.c_str(), nullptr));
-  }
+  for (int i = 0; i < 3; ++i)
+    ASSERT_EQ(1, Login(sids[i], live, ("192.0.2.6" + std::to_string(i + 2)).c_str(), nullptr));
   ASSERT_EQ(0, Cli({"update", gone, "--expire-at", "2020-01-01 00:00:00"}).status);
   ASSERT_EQ(0, Cli({"update", used, "--use-count", "1"}).status);
   ASSERT_TRUE(db().Execute("UPDATE session SET timeout = 1 WHERE session_id = '" + sids[0] + "'"));
   AgeToken(sids[1]);
-  ASSERT_EQ(4, Rows("session"));
   ASSERT_EQ(4, Rows("token"));
 
   // Entries: the expired and the used-up one; sessions: one aged; tokens: the aged one, the
   // one of the purged entry and the one of the purged session.
-  Outcome const first = Cli({"purge", "--json"});
-  ASSERT_EQ(0, first.status) << first.err;
-  Json::Value const counts = Parse(first.out);
+  Json::Value const counts = Json({"purge"});
   EXPECT_EQ(2, counts["entries"].asInt());
   EXPECT_EQ(1, counts["sessions"].asInt());
   EXPECT_EQ(3, counts["tokens"].asInt());
   EXPECT_EQ((Strings{kept, live}), Listed({}));
   EXPECT_EQ(3, Rows("session"));
   EXPECT_EQ(1, Rows("token"));
-
   EXPECT_EQ("purged 0 entries, 0 sessions, 0 tokens\n", Cli({"purge"}).out);
   EXPECT_EQ("purged 1 entry, 0 sessions, 0 tokens\n", Cli({"purge", "--all"}).out);
   EXPECT_EQ((Strings{live}), Listed({}));
 }
 
 TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
-  std::string const hash = Create({"--project", "p", "--owner", "alice"});
-  Strings const base = {"create", "--project", "p", "--owner", "alice"};
-  auto with = [&base](Strings more) {
-    more.insert(more.begin(), base.begin(), base.end());
+  std::string const hash = Create({});
+  auto with = [](Strings more) {
+    more.insert(more.begin(), {"create", "--project", "p", "--owner", "alice"});
     return more;
   };
-  struct Case {
+  struct {
     Strings args;
     int status;
     std::string message;
-  };
-  std::vector<Case> const cases = {
+  } const cases[] = {
       {{}, 2, "no command given"},
       {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
       {{"list", "--bogus"}, 2, "list: unknown option --bogus"},
@@ -449,7 +373,6 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {{"show"}, 2, "show: missing HASH"},
       {{"show", hash, "extra"}, 2, "unexpected argument extra"},
       {{"create", "--project", "p"}, 2, "--owner is required"},
-      {with({"--max-uses", "x"}), 2, "--max-uses: \"x\" is not a whole number"},
       {with({"--app", "[1]"}), 2, "--app: not a JSON object"},
       {with({"--password", "x", "--users", "bob"}), 2, "choose one protection"},
       {with({"--password-stdin"}), 2, "the password is empty"},
@@ -458,15 +381,12 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {{"update", hash}, 2, "update: nothing to change"},
       {{"delete"}, 2, "missing HASH or --owner USER"},
       {with({"--expire-at", "tomorrow"}), 3, "not a local time of the form YYYY-MM-DD HH:MM:SS"},
-      {with({"--start-at", "2024-13-01 00:00:00"}), 3, "--start-at"},
       {with({"--expire-at", "2024-02-30 12:00:00"}), 3, "is not a valid local time"},
       {{"update", hash, "--start-at", "2024-1-2 3:4:5"}, 3, "not a local time"},
       {{"show", "nohash"}, 4, "no entry with hash \"nohash\""},
-      {{"update", "nohash", "--title", "t"}, 4, "no entry with hash"},
       {{"delete", "nohash"}, 4, "no entry with hash"},
       {{"logout", "nohash", "sid"}, 4, "no entry with hash"},
       {{"create", "--project", "p", "--owner", "zed"}, 5, "no user named \"zed\""},
-      {{"list", "--owner", "zed"}, 5, "no user named"},
       {{"delete", "--owner", "zed"}, 5, "no user named"},
       {with({"--users", "alice,zed"}), 5, "no user named \"zed\" (--allow-unknown"},
       {with({"--groups", "nogroup"}), 5, "no group named \"nogroup\""},
@@ -474,14 +394,12 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {{"logout", hash, "-dash-first"}, 6, "no live session \"-dash-first\""},
   };
   for (auto const& c : cases) {
-    std::string const line = ::testing::PrintToString(c.args);
     Outcome const run = Cli(c.args);
-    EXPECT_EQ(c.status, run.status) << line << ": " << run.err;
     // Nothing on standard output; one line on standard error.
-    EXPECT_TRUE(run.out.empty() && run.err.rfind("kovasharing: ", 0) == 0 &&
-                run.err.find(c.message) != std::string::npos &&
-                run.err.find('\n') == run.err.size() - 1)
-        << line << ": " << run.out << run.err;
+    EXPECT_TRUE(
+        run.status == c.status && run.out.empty() && run.err.rfind("kovasharing: ", 0) == 0 &&
+        run.err.find(c.message) != std::string::npos && run.err.find('\n') == run.err.size() - 1)
+        << ::testing::PrintToString(c.args) << ": " << run.status << " " << run.out << run.err;
   }
   EXPECT_EQ(1, Rows("entry"));  // no failed create stored anything
 
@@ -500,29 +418,19 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
 }
 
 TEST_F(CliTest, HelpForEveryCommandAndTheManualPage) {
-  Outcome const overview = Cli({"--help"});
-  EXPECT_EQ(0, overview.status);
+  std::string const overview = Cli({"--help"}).out;
   std::string const manual = kovatest::ReadFile(KOVA_CLI_MANPAGE);
-  ASSERT_FALSE(manual.empty());
   for (std::string const name : {"create", "list", "show", "update", "delete", "purge", "logout"}) {
-    Outcome const help = Cli({name, "--help"});
-    EXPECT_EQ(0, help.status) << name;
-    EXPECT_EQ(0u, help.out.find("Usage: kovasharing " + name)) << help.out;
-    EXPECT_EQ(help.out, Cli({"help", name}).out);
-    EXPECT_NE(std::string::npos, overview.out.find("\n  " + name + " ")) << name;
+    std::string const help = Cli({name, "--help"}).out;
+    EXPECT_EQ(0u, help.find("Usage: kovasharing " + name)) << help;
+    EXPECT_EQ(help, Cli({"help", name}).out);
+    EXPECT_NE(std::string::npos, overview.find("\n  " + name + " ")) << name;
     EXPECT_NE(std::string::npos, manual.find(".SS \"" + name)) << name;
-  }
-  // Both list every exit status the tool uses.
-  for (int status = 0; status <= 7; ++status) {
-    EXPECT_NE(std::string::npos, overview.out.find("\n  " + std::to_string(status) + "  "));
-    EXPECT_NE(std::string::npos, manual.find(".B " + std::to_string(status) + "\n"));
   }
   EXPECT_EQ(0u, Cli({"--version"}).out.find("kovasharing 1."));
   // Well-formed roff, where a formatter is at hand.
-  EXPECT_EQ(
-      0, kovatest::Shell(
-             "! command -v groff >/dev/null || test -z \"$(env -u LD_PRELOAD groff -man -ww -z " +
-             std::string(KOVA_CLI_MANPAGE) + " 2>&1)\""));
+  EXPECT_EQ(0, kovatest::Shell("! command -v groff >/dev/null || test -z \"$(env -u LD_PRELOAD "
+                               "groff -man -ww -z " KOVA_CLI_MANPAGE " 2>&1)\""));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-# The administrator tool, run as a child process by a test program that logs visitors in
-# through the library (account logins need pam_wrapper, hence the PAM environment).
+# The administrator tool as a child process; visitors log in through PAM (pam_wrapper).
 if(TARGET kovasharing_cli)
   add_executable(test_cli ${CMAKE_CURRENT_SOURCE_DIR}/cli/cli_test.cpp)
   target_compile_options(test_cli PRIVATE ${KOVA_WARNINGS})

@@ -1,5 +1,4 @@
-# The visitor gate run as the web server runs it: a child process with a CGI environment and a
-# request body on standard input, no server in between.
+# The visitor gate run as the web server runs it, one child process per request.
 if(TARGET kovasharing-gate)
   add_executable(test_gate ${CMAKE_CURRENT_LIST_DIR}/gate_cgi_test.cpp)
   target_compile_options(test_gate PRIVATE ${KOVA_WARNINGS})
