@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The visitor gate in a real browser: lighttpd on 127.0.0.1 serves the gate of the build in $1
 # (its KOVA_ROOT, the demo's accounts), the system's chromium driven by playwright-core walks a
-# visitor through a password link and a group link, and every page is saved under
-# $1/browser-shots.
+# visitor through a password link and a group link, in English and German, with axe-core's
+# accessibility check on every page, and every page is saved under $1/browser-shots.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 build=${1:?usage: 50-browser.sh BUILD_DIR}
@@ -13,6 +13,7 @@ ensure_packages lighttpd chromium curl libnss-wrapper libpam-wrapper libuid-wrap
 command -v npm >/dev/null || ensure_packages npm
 
 playwright_version=1.56.1
+axe_version=4.10.3
 root=$(sed -n 's/^KOVA_ROOT:[A-Z]*=//p' "$build/CMakeCache.txt")
 if [ -z "$root" ]; then
   echo "the build in $build has no KOVA_ROOT" >&2
@@ -25,13 +26,14 @@ shots=$build/browser-shots
 node_dir=$work/node
 rm -rf "$work/state" "$work/profile" "$shots"
 mkdir -p "$work/state" "$work/profile" "$shots" "$node_dir"
-if [ ! -f "$node_dir/node_modules/playwright-core/package.json" ] ||
-  ! grep -q "\"version\": \"$playwright_version\"" \
-    "$node_dir/node_modules/playwright-core/package.json"; then
-  echo "== installing playwright-core@$playwright_version into $node_dir"
-  npm install --prefix "$node_dir" --no-audit --no-fund --loglevel=error \
-    "playwright-core@$playwright_version" >/dev/null
-fi
+# playwright-core drives chromium; axe-core checks the pages' accessibility.
+for package in "playwright-core@$playwright_version" "axe-core@$axe_version"; do
+  name=${package%@*} version=${package##*@}
+  if ! grep -qs "\"version\": \"$version\"" "$node_dir/node_modules/$name/package.json"; then
+    echo "== installing $package into $node_dir"
+    npm install --prefix "$node_dir" --no-audit --no-fund --loglevel=error "$package" >/dev/null
+  fi
+done
 
 gate_prepare "$root" "$work/state"
 password="open sesame"
