@@ -1,5 +1,6 @@
 // kovasharing-gate: the visitor's door to a sharing link, run by the web server for one request
-// (CGI/1.1). A GET shows the link's content to a visitor whose session cookie is authorised,
+// (CGI/1.1), or serving many as a FastCGI server (gate_fastcgi.cpp; both answer through
+// Respond() below). A GET shows the link's content to a visitor whose session cookie is authorised,
 // and the right form to everybody else; a POST logs in (or out) and answers with a redirect
 // back to the link, so that reloading a page never sends a password again.
 //
@@ -28,6 +29,7 @@
 #include <string>
 #include <vector>
 
+#include "gate_fastcgi.h"
 #include "gate_html.h"
 
 namespace {
@@ -478,7 +480,7 @@ Reply Gate::Handle() {
   return HandleLogin();
 }
 
-void Print(Reply const& reply, bool with_body, char const* cookies) {
+std::string Render(Reply const& reply, bool with_body, char const* cookies) {
   std::string out = std::string("Status: ") + kovagate::StatusText(reply.status) + "\r\n";
   out += "Content-Type: text/html; charset=utf-8\r\n";
   out += "Cache-Control: no-store\r\n";
@@ -494,13 +496,12 @@ void Print(Reply const& reply, bool with_body, char const* cookies) {
   out += cookies;
   out += "\r\n";
   if (with_body) out += reply.body;
-  fwrite(out.data(), 1, out.size(), stdout);
-  fflush(stdout);
+  return out;
 }
 
 }  // namespace
 
-int main() {
+std::string kovagate::Respond() {
   Gate gate;
   Reply reply;
   try {
@@ -511,6 +512,17 @@ int main() {
     reply = gate.Failure("unexpected failure");
   }
   // The cookie headers belong to the request handle, which the gate keeps to the end.
-  Print(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()));
+  return Render(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()));
+}
+
+int main(int argc, char** argv) {
+  // Only a command line starts the FastCGI server: a web server may hand a CGI program the
+  // words of a query without "=" as arguments, and a visitor's words are never options.
+  if (argc > 1 && getenv("GATEWAY_INTERFACE") == nullptr && getenv("REQUEST_METHOD") == nullptr) {
+    return kovagate::FastCgiMain(argc, argv);
+  }
+  std::string const out = kovagate::Respond();
+  fwrite(out.data(), 1, out.size(), stdout);
+  fflush(stdout);
   return 0;
 }
