@@ -135,7 +135,7 @@ int PamLogin(char const* username, char const* password, char const* address, ch
 // process at the same end is never taken), three lengths, then the account name, the password
 // and the client's address, without NUL bytes. The answer: the id, then 'y' or 'n'.
 size_t const kIdBytes = 8;
-size_t const kHeadBytes = kIdBytes + 3 * 2;
+size_t const kHeadBytes = kIdBytes + size_t{3} * 2;
 size_t const kMaxAddress = INET6_ADDRSTRLEN;
 size_t const kMaxQuestion =
     kHeadBytes + KOVA_CGI_HELPER_MAX_NAME + KOVA_CGI_HELPER_MAX_PASSWORD + kMaxAddress;
@@ -170,7 +170,7 @@ int AskHelper(char const* username, char const* password, char const* address) {
   memcpy(question, &id, kIdBytes);
   size_t size = kHeadBytes;
   char const* const parts[] = {username, password, address};
-  for (int i = 0; i < 3; ++i) {
+  for (size_t i = 0; i < 3; ++i) {
     PutLength(question + kIdBytes + 2 * i, lengths[i]);
     memcpy(question + size, parts[i], lengths[i]);
     size += lengths[i];
@@ -213,7 +213,7 @@ bool ParseQuestion(unsigned char const* message, size_t size, std::string parts[
   if (size < kHeadBytes) return false;
   size_t const limits[] = {KOVA_CGI_HELPER_MAX_NAME, KOVA_CGI_HELPER_MAX_PASSWORD, kMaxAddress - 1};
   size_t at = kHeadBytes;
-  for (int i = 0; i < 3; ++i) {
+  for (size_t i = 0; i < 3; ++i) {
     size_t const length = GetLength(message + kIdBytes + 2 * i);
     if (length > limits[i] || length > size - at) return false;
     if (memchr(message + at, '\0', length) != nullptr) return false;
