@@ -177,7 +177,7 @@ std::vector<pid_t> Children(pid_t parent) {
 // `kovasharing-gate --fastcgi` with its own socket; standard error goes to a file.
 class Server {
  public:
-  explicit Server(int workers) : socket_(dir_.File("gate.sock")) {
+  explicit Server(int workers, bool wait = true) : socket_(dir_.File("gate.sock")) {
     pid_ = fork();
     if (pid_ == 0) {
       if (freopen(dir_.File("err").c_str(), "w", stderr) != nullptr) {
@@ -186,7 +186,7 @@ class Server {
       }
       _exit(127);
     }
-    EXPECT_TRUE(WaitForWorkers(workers)) << Err();
+    EXPECT_TRUE(!wait || WaitForWorkers(workers)) << Err();
   }
   ~Server() {
     kill(pid_, SIGTERM);
@@ -316,6 +316,26 @@ TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
   std::string const err = server.Err();
   EXPECT_EQ(500, visitor.Send("GET", hash, "", false).status);  // no client address
   EXPECT_EQ(err + "kovasharing-gate: authorization check failed\n", server.Err());
+}
+
+// A worker that cannot open the database ends; the supervisor starts another, after a pause
+// when the last one lived less than a second, until one can.
+TEST_F(FastCgiTest, AWorkerWithoutItsDatabaseEndsAndAnotherTakesOver) {
+  std::string const hash = Link(Entry::PROTECT_PASSWORD);
+  std::string const dir = kovatest::Root() + "/usr/kova/etc/private/session/sharing";
+  struct stat st;
+  ASSERT_EQ(0, stat(dir.c_str(), &st));
+  ASSERT_EQ(0, chmod(dir.c_str(), 0));
+  Server server(1, false);
+  usleep(2500 * 1000);
+  chmod(dir.c_str(), st.st_mode & 07777);
+  std::string const err = server.Err();
+  size_t ended = 0;
+  for (size_t at = 0; (at = err.find("ended with status 1", at)) != std::string::npos; ++at)
+    ++ended;
+  EXPECT_TRUE(ended >= 2 && ended <= 4) << err;
+  EXPECT_NE(std::string::npos, err.find("kovasharing-gate: worker ends: database not usable\n"));
+  EXPECT_TRUE(Visitor(server.socket()).Send("GET", hash).Has("name=\"password\""));
 }
 
 // A CGI request whose query words arrive as arguments is answered as one, never as a command.
