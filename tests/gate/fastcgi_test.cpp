@@ -174,18 +174,40 @@ std::vector<pid_t> Children(pid_t parent) {
   return found;
 }
 
-// `kovasharing-gate --fastcgi` with its own socket; standard error goes to a file.
+// `kovasharing-gate --fastcgi` with its own socket, or with one made here and handed over as
+// socket activation does; standard error goes to a file.
 class Server {
  public:
-  explicit Server(int workers, bool wait = true) : socket_(dir_.File("gate.sock")) {
+  explicit Server(int workers, bool wait = true, bool activated = false)
+      : socket_(dir_.File("gate.sock")) {
+    int listener = -1;
+    if (activated) {
+      listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+      struct sockaddr_un addr = {};
+      addr.sun_family = AF_UNIX;
+      snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_.c_str());
+      EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+      EXPECT_EQ(0, listen(listener, 16));
+    }
     pid_ = fork();
     if (pid_ == 0) {
+      std::string const count = std::to_string(workers);
+      if (activated) {
+        dup2(listener, 3);
+        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+        setenv("LISTEN_FDS", "1", 1);
+      }
       if (freopen(dir_.File("err").c_str(), "w", stderr) != nullptr) {
+        if (activated) {
+          execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", "--workers", count.c_str(),
+                static_cast<char*>(nullptr));
+        }
         execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", "--socket", socket_.c_str(),
-              "--workers", std::to_string(workers).c_str(), static_cast<char*>(nullptr));
+              "--workers", count.c_str(), static_cast<char*>(nullptr));
       }
       _exit(127);
     }
+    if (listener >= 0) close(listener);
     EXPECT_TRUE(!wait || WaitForWorkers(workers)) << Err();
   }
   ~Server() {
@@ -296,7 +318,7 @@ TEST_F(FastCgiTest, WorkersRunAsTheSystemAccountAndVisitorsLogIn) {
 // One worker serves every request; none of them sees the body or the cookies of the one
 // before. A killed worker is replaced, and a 500 writes one line to standard error.
 TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
-  Server server(1);
+  Server server(1, true, true);  // its socket from socket activation
   std::string const hash = Link(Entry::PROTECT_PASSWORD);
   Visitor visitor{server.socket()};
   ASSERT_EQ(303, visitor.Send("POST", hash, "password=open+sesame").status);
