@@ -1,8 +1,8 @@
 // kovasharing-gate: the visitor's door to a sharing link, run by the web server for one request
 // (CGI/1.1), or serving many as a FastCGI server (gate_fastcgi.cpp; both answer through
-// Respond() below). A GET shows the link's content to a visitor whose session cookie is authorised,
-// and the right form to everybody else; a POST logs in (or out) and answers with a redirect
-// back to the link, so that reloading a page never sends a password again.
+// Respond() below). A GET shows the link's content to a visitor whose session cookie is
+// authorised, and the right form to everybody else; a POST logs in (or out) and answers with a
+// redirect back to the link, so that reloading a page never sends a password again.
 //
 // What a page tells must not help somebody who guesses links: an unknown, expired or used-up
 // link shows the same password form as a real one, and a wrong password and such a link get
