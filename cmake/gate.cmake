@@ -1,12 +1,16 @@
-# The visitor gate: a CGI program over the public library API and the platform's web-request
-# calls, and its stylesheet. A small helper makes demonstration links for scripts/demo and the
-# browser test; it is not installed.
-add_executable(kovasharing-gate tools/gate/gate.cpp tools/gate/gate_html.cpp
-  tools/gate/gate_i18n.cpp)
+# The visitor gate: a CGI program and FastCGI server over the public library API and the
+# platform's web-request calls (FastCGI through Debian's libfcgi-dev), and its stylesheet. A
+# small helper makes demonstration links for scripts/demo and the browser test; it is not
+# installed.
+find_path(FCGI_INCLUDE_DIR fcgiapp.h REQUIRED)
+find_library(FCGI_LIBRARY fcgi REQUIRED)
+add_executable(kovasharing-gate tools/gate/gate.cpp tools/gate/gate_fastcgi.cpp
+  tools/gate/gate_html.cpp tools/gate/gate_i18n.cpp)
 target_compile_options(kovasharing-gate PRIVATE ${KOVA_WARNINGS})
 target_compile_definitions(kovasharing-gate PRIVATE
   KOVA_GATE_LOCALEDIR="${CMAKE_INSTALL_FULL_LOCALEDIR}")
-target_link_libraries(kovasharing-gate PRIVATE kovasharing kovaplatform)
+target_include_directories(kovasharing-gate SYSTEM PRIVATE ${FCGI_INCLUDE_DIR})
+target_link_libraries(kovasharing-gate PRIVATE kovasharing kovaplatform ${FCGI_LIBRARY})
 
 # The pages' translations: one catalogue per language in tools/gate/po/, compiled into
 # locale/ beside the gate (where a gate run from the build tree finds them) and installed
@@ -38,3 +42,9 @@ kova_install_rpath(kovasharing-gate ${KOVA_GATE_CGI_DIR})
 install(TARGETS kovasharing-gate RUNTIME DESTINATION ${KOVA_GATE_CGI_DIR} COMPONENT tools)
 install(FILES tools/gate/static/kovasharing-gate.css DESTINATION ${KOVA_GATE_STATIC_DIR}
   COMPONENT tools)
+# The FastCGI server under systemd (the tools package installs the unit, disabled).
+set(KOVA_GATE_FULL_PATH ${CMAKE_INSTALL_PREFIX}/${KOVA_GATE_CGI_DIR}/kovasharing-gate)
+configure_file(packaging/systemd/kovasharing-gate.service.in
+  ${CMAKE_CURRENT_BINARY_DIR}/packaging/kovasharing-gate.service @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/kovasharing-gate.service
+  DESTINATION lib/systemd/system COMPONENT tools)

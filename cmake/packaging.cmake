@@ -67,9 +67,10 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION}), li
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovasharing-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-# Built from the same tree as the libraries they link, so tied to that very version.
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "lighttpd")
+# Built from the same tree as the libraries they link, so tied to that very version. The gate's
+# FastCGI server links Debian 12's libfcgi (dpkg-shlibdeps finds it as well).
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION}), libfcgi0ldbl")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "lighttpd | nginx | apache2")
 
 # The first line of each description is the package's synopsis.
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION

@@ -1,5 +1,7 @@
-/* Web request library of the appliance, for programs run by the web server for one request
- * (CGI/1.1): request parameters, cookies, the client's address and the account login. */
+/* Web request library of the appliance: request parameters, cookies, the client's address and
+ * the account login. A program run by the web server for one request (CGI/1.1) uses it as it
+ * is; a program that serves many requests, one after the other (FastCGI), brackets each with
+ * KovaCgiRequestBegin and KovaCgiRequestEnd, so that nothing of one request reaches the next. */
 #ifndef KOVA_CGI_H
 #define KOVA_CGI_H
 
@@ -38,9 +40,31 @@ typedef struct KOVA_CGI_LOGIN_REQ {
   int flags;          /* KOVA_CGI_LOGIN_... */
 } KOVA_CGI_LOGIN_REQ;
 
+/* Reads the body of the current request: up to `size` bytes into `buf`. Returns the number of
+ * bytes read, 0 at the end of the body, -1 on an error. */
+typedef long (*KovaCgiBodyReader)(void* context, char* buf, size_t size);
+
+/* Begins a request in a program that serves many. `variables` ("NAME=VALUE" texts, NULL at
+ * the end) are the request's CGI variables: for the length of the request the process
+ * environment is the one the process started with, without any CGI variable of its own
+ * (HTTP_*, REMOTE_ADDR, QUERY_STRING, ...), plus these; the texts are copied. The body is read
+ * through `reader` (NULL: the request has none) instead of from standard input. A request
+ * still open is ended first. Returns 1, or -1 on bad arguments or no memory (no request is
+ * then open). Not for use by several threads at once. */
+KOVA_PLATFORM_EXPORT int KovaCgiRequestBegin(const char* const* variables, KovaCgiBodyReader reader,
+                                             void* context);
+
+/* Ends the request: the body read for it is wiped and forgotten, and the process environment
+ * is the one from before KovaCgiRequestBegin. Handles made during the request must have been
+ * freed; texts obtained from getenv() during the request are no longer valid. Without an open
+ * request it still wipes and forgets a body read from standard input, so that a process can
+ * drop a request's secrets before it goes on. */
+KOVA_PLATFORM_EXPORT void KovaCgiRequestEnd(void);
+
 /* Reads the request: parameters from QUERY_STRING and, for a POST of
- * application/x-www-form-urlencoded, from the body on standard input (CONTENT_LENGTH bytes,
- * read once per process and kept for later handles of the same request). `config` is
+ * application/x-www-form-urlencoded, from the body (CONTENT_LENGTH bytes, from standard input
+ * or the reader of KovaCgiRequestBegin, read once per request and kept for later handles of
+ * the same request until KovaCgiRequestEnd). `config` is
  * reserved: pass "". Returns 1 and a new handle in *handle; 0 when the request is refused (a
  * body over KOVA_CGI_MAX_BODY, a body shorter than CONTENT_LENGTH, an unreadable length),
  * -1 on bad arguments or no memory. */
@@ -80,9 +104,32 @@ KOVA_PLATFORM_EXPORT int KovaCgiGetRemoteIP(char* buf, size_t size);
 /* Logs in to an account through PAM (service "kovasharing": authentication, then account
  * management). On success writes the login's description
  * "user=<account>&sid=<cookie id>&timeout=<minutes>" into `reply` (truncated to `size`) and
- * returns 1; returns 0 when the login is refused, -1 on bad arguments. */
+ * returns 1; returns 0 when the login is refused, -1 on bad arguments. With a login helper set
+ * (KovaCgiLoginSetHelper) the helper process asks PAM instead, and the reply names the account
+ * as it was asked for. */
 KOVA_PLATFORM_EXPORT int KovaCgiLogin(KOVA_CGI_HANDLE handle, char* reply, size_t size,
                                       const KOVA_CGI_LOGIN_REQ* request);
+
+/* The login helper: a process that stays root to check account passwords through PAM for
+ * request handlers that do not run as root. They talk over a SOCK_SEQPACKET socket pair; a
+ * question carries only the account name (at most KOVA_CGI_HELPER_MAX_NAME bytes), the
+ * password (at most KOVA_CGI_HELPER_MAX_PASSWORD) and the client's address, and the answer is
+ * yes or no. */
+#define KOVA_CGI_HELPER_MAX_NAME 256
+#define KOVA_CGI_HELPER_MAX_PASSWORD 1024
+
+/* Makes KovaCgiLogin of this process ask the helper at the other end of `fd`; -1 goes back to
+ * PAM in the process. An answer waits at most `timeout_ms` milliseconds (a login that gets none
+ * is refused). */
+KOVA_PLATFORM_EXPORT void KovaCgiLoginSetHelper(int fd, int timeout_ms);
+
+/* The helper's side: answers the questions arriving on any of the `count` descriptors in
+ * `fds`, one at a time, through PAM as KovaCgiLogin does with the client kind `client` and the
+ * KOVA_CGI_LOGIN_... `flags`. A malformed question gets no; nothing else is answered. Returns
+ * when every descriptor has been closed by its other end (0), or -1 on bad arguments or a
+ * failed poll. */
+KOVA_PLATFORM_EXPORT int KovaCgiLoginServe(const int* fds, size_t count, const char* client,
+                                           int flags);
 
 /* Releases the handle; NULL is accepted. */
 KOVA_PLATFORM_EXPORT void KovaCgiFree(KOVA_CGI_HANDLE handle);

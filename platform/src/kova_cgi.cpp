@@ -88,11 +88,53 @@ bool ParseLength(char const* text, size_t& out) {
   return true;
 }
 
-// The POST body belongs to the process's standard input and can be read only once; every
-// handle made for the same request shares what the first one read. A new standard input (a
-// new request in a process that serves several) is read afresh.
+// The request a program that serves many has begun (KovaCgiRequestBegin): its environment,
+// the one it replaced, and where its body comes from.
+struct OpenRequest {
+  bool open = false;
+  unsigned long number = 0;  // counts the requests begun, so that a body is never taken over
+  KovaCgiBodyReader reader = nullptr;
+  void* context = nullptr;
+  char** saved_environ = nullptr;
+  std::vector<std::string> texts;  // the request's own variables
+  std::vector<char*> environ_;     // the request's environment, NULL at the end
+};
+
+OpenRequest& Request() {
+  static OpenRequest* request = new OpenRequest;  // kept to the end of the process on purpose
+  return *request;
+}
+
+// The variables a web server sets for a request: none of them may come from the process's
+// own environment into a request's.
+bool IsCgiVariable(char const* text) {
+  static char const* const kNames[] = {
+      "AUTH_TYPE",   "CONTENT_LENGTH",  "CONTENT_TYPE",    "DOCUMENT_ROOT", "GATEWAY_INTERFACE",
+      "HTTPS",       "PATH_INFO",       "PATH_TRANSLATED", "QUERY_STRING",  "REMOTE_ADDR",
+      "REMOTE_HOST", "REMOTE_IDENT",    "REMOTE_PORT",     "REMOTE_USER",   "REQUEST_METHOD",
+      "REQUEST_URI", "SCRIPT_FILENAME", "SCRIPT_NAME",     "SERVER_ADDR",   "SERVER_NAME",
+      "SERVER_PORT", "SERVER_PROTOCOL", "SERVER_SOFTWARE"};
+  if (strncmp(text, "HTTP_", 5) == 0) return true;
+  char const* eq = strchr(text, '=');
+  size_t const length = eq != nullptr ? static_cast<size_t>(eq - text) : strlen(text);
+  for (char const* name : kNames) {
+    if (strlen(name) == length && strncmp(text, name, length) == 0) return true;
+  }
+  return false;
+}
+
+void Wipe(std::string& text) {
+  if (!text.empty()) explicit_bzero(&text[0], text.size());
+  text.clear();
+}
+
+// The POST body can be read only once; every handle made for the same request shares what the
+// first one read. In a CGI program the body is the process's standard input, and a new standard
+// input (a new request in a process that serves several) is read afresh; in a request begun by
+// KovaCgiRequestBegin it comes from the request's reader.
 struct BodyCache {
   bool valid = false;
+  unsigned long request = 0;  // the begun request it belongs to, 0 for standard input
   dev_t dev = 0;
   ino_t ino = 0;
   bool refused = false;
@@ -102,6 +144,34 @@ struct BodyCache {
 BodyCache& Body() {
   static BodyCache* cache = new BodyCache;  // kept to the end of the process on purpose
   return *cache;
+}
+
+void ForgetBody() {
+  BodyCache& cache = Body();
+  cache.valid = false;
+  cache.request = 0;
+  cache.refused = false;
+  Wipe(cache.body);
+}
+
+// Reads up to `length` bytes of the body into `out`; the number read.
+size_t ReadBody(char* out, size_t length) {
+  OpenRequest const& request = Request();
+  size_t got = 0;
+  while (got < length) {
+    if (request.open) {
+      if (request.reader == nullptr) break;
+      long const n = request.reader(request.context, out + got, length - got);
+      if (n <= 0 || static_cast<size_t>(n) > length - got) break;
+      got += static_cast<size_t>(n);
+    } else {
+      ssize_t const n = read(STDIN_FILENO, out + got, length - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<size_t>(n);
+    }
+  }
+  return got;
 }
 
 // 1: body read (or none to read), 0: refused.
@@ -116,17 +186,21 @@ int LoadBody(std::string const*& body) {
        type[sizeof kForm - 1] != ' ')) {
     return 1;  // not a form: nothing of it is a parameter
   }
+  OpenRequest const& request = Request();
   struct stat st;
-  if (fstat(STDIN_FILENO, &st) != 0) {
+  memset(&st, 0, sizeof st);
+  if (!request.open && fstat(STDIN_FILENO, &st) != 0) {
     memset(&st, 0, sizeof st);
   }
+  unsigned long const number = request.open ? request.number : 0;
   BodyCache& cache = Body();
-  if (!cache.valid || cache.dev != st.st_dev || cache.ino != st.st_ino) {
+  if (!cache.valid || cache.request != number ||
+      (number == 0 && (cache.dev != st.st_dev || cache.ino != st.st_ino))) {
+    ForgetBody();
     cache.valid = true;
+    cache.request = number;
     cache.dev = st.st_dev;
     cache.ino = st.st_ino;
-    cache.refused = false;
-    cache.body.clear();
     size_t length = 0;
     char const* text = getenv("CONTENT_LENGTH");
     if (text == nullptr || *text == '\0') {
@@ -140,17 +214,11 @@ int LoadBody(std::string const*& body) {
     }
     if (!cache.refused && length > 0) {
       cache.body.resize(length);
-      size_t got = 0;
-      while (got < length) {
-        ssize_t const n = read(STDIN_FILENO, &cache.body[got], length - got);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        got += static_cast<size_t>(n);
-      }
+      size_t const got = ReadBody(&cache.body[0], length);
       if (got < length) {
         KOVA_LOG_PID(kSource, __LINE__, "truncated request body: %zu of %zu bytes", got, length);
         cache.refused = true;
-        cache.body.clear();
+        Wipe(cache.body);
       }
     }
   }
@@ -187,6 +255,49 @@ struct KovaCgiRequest {
 };
 
 extern "C" {
+
+int KovaCgiRequestBegin(const char* const* variables, KovaCgiBodyReader reader, void* context) {
+  KovaCgiRequestEnd();
+  if (variables == nullptr) return -1;
+  OpenRequest& request = Request();
+  try {
+    for (const char* const* v = variables; *v != nullptr; ++v) {
+      char const* eq = strchr(*v, '=');
+      if (eq != nullptr && eq != *v) request.texts.emplace_back(*v);
+    }
+    for (auto& text : request.texts) request.environ_.push_back(&text[0]);
+    for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
+      if (!IsCgiVariable(*e)) request.environ_.push_back(*e);
+    }
+    request.environ_.push_back(nullptr);
+  } catch (std::bad_alloc const&) {
+    for (auto& text : request.texts) Wipe(text);
+    request.texts.clear();
+    request.environ_.clear();
+    return -1;
+  }
+  request.open = true;
+  ++request.number;
+  request.reader = reader;
+  request.context = context;
+  request.saved_environ = environ;
+  environ = request.environ_.data();
+  return 1;
+}
+
+void KovaCgiRequestEnd(void) {
+  ForgetBody();
+  OpenRequest& request = Request();
+  if (!request.open) return;
+  environ = request.saved_environ;
+  request.open = false;
+  request.reader = nullptr;
+  request.context = nullptr;
+  request.saved_environ = nullptr;
+  for (auto& text : request.texts) Wipe(text);
+  request.texts.clear();
+  request.environ_.clear();
+}
 
 int KovaCgiInit(const char* config, KOVA_CGI_HANDLE* handle) {
   if (config == nullptr || handle == nullptr) return -1;

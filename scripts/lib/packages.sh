@@ -20,6 +20,6 @@ ensure_packages() {
 # npm fetches the pinned SQLite amalgamation at the first configure (cmake/sqlite.cmake);
 # ca-certificates lets it reach the registry over TLS.
 BUILD_PACKAGES=(build-essential cmake pkg-config libsqlite3-dev libjsoncpp-dev libssl-dev
-  libgcrypt20-dev libpam0g-dev libqrencode-dev gettext npm ca-certificates)
+  libgcrypt20-dev libpam0g-dev libqrencode-dev gettext libfcgi-dev npm ca-certificates)
 TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper lighttpd chromium curl
   clang libclang-rt-14-dev libbenchmark-dev)

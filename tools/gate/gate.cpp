@@ -1,7 +1,8 @@
 // kovasharing-gate: the visitor's door to a sharing link, run by the web server for one request
-// (CGI/1.1). A GET shows the link's content to a visitor whose session cookie is authorised,
-// and the right form to everybody else; a POST logs in (or out) and answers with a redirect
-// back to the link, so that reloading a page never sends a password again.
+// (CGI/1.1), or serving many as a FastCGI server (gate_fastcgi.cpp; both answer through
+// Respond() below). A GET shows the link's content to a visitor whose session cookie is
+// authorised, and the right form to everybody else; a POST logs in (or out) and answers with a
+// redirect back to the link, so that reloading a page never sends a password again.
 //
 // What a page tells must not help somebody who guesses links: an unknown, expired or used-up
 // link shows the same password form as a real one, and a wrong password and such a link get
@@ -32,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "gate_fastcgi.h"
 #include "gate_html.h"
 #include "gate_i18n.h"
 
@@ -125,7 +127,7 @@ std::vector<std::string> ListItems(std::string const& text) {
 // headers are believed: the client is the last address of X-Forwarded-For that is not itself
 // a trusted proxy (what is left of it came from the client and proves nothing), the request
 // came over HTTPS when X-Forwarded-Proto says so, and X-Forwarded-Host is the host the
-// visitor asked for. The gate rewrites its CGI variables accordingly, so that the library's
+// visitor asked for. The gate rewrites the request's variables accordingly, so that the library's
 // address checks and blocking, the cookies and the form's origin check all see the visitor.
 void BelieveTrustedProxy() {
   std::vector<std::string> trusted;
@@ -141,15 +143,15 @@ void BelieveTrustedProxy() {
   for (auto hop = hops.rbegin(); hop != hops.rend(); ++hop) {
     std::string const address = CanonicalAddress(*hop);
     if (address.empty()) break;  // not an address: the proxy did not write it
-    setenv("REMOTE_ADDR", address.c_str(), 1);
+    KovaCgiSetVariable("REMOTE_ADDR", address.c_str());
     if (!is_trusted(address)) break;
   }
   std::string const proto = Env("HTTP_X_FORWARDED_PROTO");
-  if (strcasecmp(proto.c_str(), "https") == 0) setenv("HTTPS", "on", 1);
-  if (strcasecmp(proto.c_str(), "http") == 0) unsetenv("HTTPS");
+  if (strcasecmp(proto.c_str(), "https") == 0) KovaCgiSetVariable("HTTPS", "on");
+  if (strcasecmp(proto.c_str(), "http") == 0) KovaCgiSetVariable("HTTPS", nullptr);
   std::string const host = Env("HTTP_X_FORWARDED_HOST");
   if (!host.empty() && IsPlainUrlText(host) && host.find('/') == std::string::npos) {
-    setenv("HTTP_HOST", host.c_str(), 1);
+    KovaCgiSetVariable("HTTP_HOST", host.c_str());
   }
 }
 
@@ -685,7 +687,8 @@ Reply Gate::Handle() {
   return HandleLogin();
 }
 
-void Print(Reply const& reply, bool with_body, char const* cookies, std::string const& stylesheet) {
+std::string Render(Reply const& reply, bool with_body, char const* cookies,
+                   std::string const& stylesheet) {
   std::string out = std::string("Status: ") + kovagate::StatusText(reply.status) + "\r\n";
   out += "Content-Type: text/html; charset=utf-8\r\n";
   out += "Cache-Control: no-store\r\n";
@@ -705,13 +708,12 @@ void Print(Reply const& reply, bool with_body, char const* cookies, std::string 
   out += cookies;
   out += "\r\n";
   if (with_body) out += reply.body;
-  fwrite(out.data(), 1, out.size(), stdout);
-  fflush(stdout);
+  return out;
 }
 
 }  // namespace
 
-int main() {
+std::string kovagate::Respond() {
   Gate gate;
   Reply reply;
   try {
@@ -722,7 +724,18 @@ int main() {
     reply = gate.Failure("unexpected failure");
   }
   // The cookie headers belong to the request handle, which the gate keeps to the end.
-  Print(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()),
-        gate.stylesheet());
+  return Render(reply, Env("REQUEST_METHOD") != "HEAD", KovaCgiGetSetCookieHeaders(gate.cgi()),
+                gate.stylesheet());
+}
+
+int main(int argc, char** argv) {
+  // Only a command line starts the FastCGI server: a web server may hand a CGI program the
+  // words of a query without "=" as arguments, and a visitor's words are never options.
+  if (argc > 1 && getenv("GATEWAY_INTERFACE") == nullptr && getenv("REQUEST_METHOD") == nullptr) {
+    return kovagate::FastCgiMain(argc, argv);
+  }
+  std::string const out = kovagate::Respond();
+  fwrite(out.data(), 1, out.size(), stdout);
+  fflush(stdout);
   return 0;
 }

@@ -1,0 +1,531 @@
+// The gate as a FastCGI server: the supervisor, its login helper and its workers as real
+// processes, driven by a small FastCGI client over the server's socket; and what that server
+// rests on: the web-request layer's per-request reset, the login helper's questions, and the
+// library's identity guard in a process that already is the system account.
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <kova_autoblock.h>
+#include <kova_cgi.h>
+#include <kovasharing/kovasharing.h>
+#include <signal.h>
+#include <stdint.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "db/run_as.h"
+#include "kovatest.h"
+
+namespace {
+
+using KOVA::sharing::db::EntryDB;
+using KOVA::sharing::db::SharingDB;
+using KOVA::sharing::record::Entry;
+using Vars = std::map<std::string, std::string>;
+
+// ---------------------------------------------------------------- a FastCGI client
+
+void AddRecord(std::string& out, int type, std::string const& content) {
+  char const head[8] = {1,
+                        static_cast<char>(type),
+                        0,
+                        1,
+                        static_cast<char>(content.size() >> 8),
+                        static_cast<char>(content.size() & 0xff),
+                        0,
+                        0};
+  out.append(head, 8).append(content);
+}
+
+std::string NameValueLength(size_t n) {
+  if (n < 128) return std::string(1, static_cast<char>(n));
+  return {static_cast<char>(0x80 | (n >> 24)), static_cast<char>(n >> 16),
+          static_cast<char>(n >> 8), static_cast<char>(n)};
+}
+
+bool ReadAll(int fd, char* buf, size_t size) {
+  for (size_t got = 0; got < size;) {
+    ssize_t const n = read(fd, buf + got, size - got);
+    if (n <= 0) return false;
+    got += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+struct Response {
+  int status = 0;
+  std::vector<std::string> headers;
+  std::string body;
+  bool Has(std::string const& text) const { return body.find(text) != std::string::npos; }
+  std::string Header(std::string const& name) const {
+    for (auto const& line : headers) {
+      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
+    }
+    return "";
+  }
+};
+
+// One request of the responder role; the CGI response it gets.
+Response FastCgi(std::string const& socket_path, Vars const& params, std::string const& body) {
+  std::string out;
+  AddRecord(out, 1, std::string("\0\1\0\0\0\0\0\0", 8));  // begin: responder, close after
+  std::string pairs;
+  for (auto const& p : params) {
+    pairs +=
+        NameValueLength(p.first.size()) + NameValueLength(p.second.size()) + p.first + p.second;
+  }
+  AddRecord(out, 4, pairs);
+  AddRecord(out, 4, "");
+  if (!body.empty()) AddRecord(out, 5, body);
+  AddRecord(out, 5, "");
+  int const fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
+  Response r;
+  std::string answer;
+  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
+      write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size())) {
+    unsigned char head[8];
+    while (ReadAll(fd, reinterpret_cast<char*>(head), 8)) {
+      std::string content((head[4] << 8 | head[5]) + head[6], '\0');
+      if (!ReadAll(fd, &content[0], content.size())) break;
+      if (head[1] == 6) answer += content.substr(0, (head[4] << 8 | head[5]));
+      if (head[1] == 3) break;
+    }
+  }
+  close(fd);
+  size_t const end = answer.find("\r\n\r\n");
+  if (end == std::string::npos) {
+    ADD_FAILURE() << "no response: " << answer;
+    return r;
+  }
+  for (size_t pos = 0, eol; pos < end; pos = eol + 2) {
+    eol = answer.find("\r\n", pos);
+    r.headers.push_back(answer.substr(pos, eol - pos));
+  }
+  r.body = answer.substr(end + 4);
+  r.status = atoi(r.Header("Status").c_str());
+  return r;
+}
+
+// A browser at one address that keeps the gate's cookies.
+struct Visitor {
+  explicit Visitor(std::string path) : socket(std::move(path)) {}
+  std::string socket;
+  std::string address = "192.0.2.30";
+  std::map<std::string, std::string> jar;
+
+  Response Send(char const* method, std::string const& hash, std::string const& body = "",
+                bool with_address = true) {
+    Vars vars = {{"GATEWAY_INTERFACE", "CGI/1.1"},
+                 {"REQUEST_METHOD", method},
+                 {"SCRIPT_NAME", "/share"},
+                 {"HTTP_HOST", "gate.test"},
+                 {"QUERY_STRING", "sharing_id=" + hash}};
+    if (with_address) vars["REMOTE_ADDR"] = address;
+    if (*method == 'P') {
+      vars["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
+      vars["CONTENT_LENGTH"] = std::to_string(body.size());
+    }
+    for (auto const& c : jar) vars["HTTP_COOKIE"] += c.first + "=" + c.second + "; ";
+    Response r = FastCgi(socket, vars, body);
+    static std::regex const cookie("^Set-Cookie: ([^=]+)=([^;]*);");
+    for (auto const& line : r.headers) {
+      std::smatch m;
+      if (!std::regex_search(line, m, cookie)) continue;
+      if (line.find("Max-Age=0") != std::string::npos) {
+        jar.erase(m[1]);
+      } else {
+        jar[m[1]] = m[2];
+      }
+    }
+    return r;
+  }
+};
+
+// ---------------------------------------------------------------- processes
+
+std::string StatusField(pid_t pid, std::string const& field) {
+  std::string const status = "\n" + kovatest::ReadFile("/proc/" + std::to_string(pid) + "/status");
+  size_t const at = status.find("\n" + field + ":\t");
+  if (at == std::string::npos) return "?";
+  size_t const begin = at + field.size() + 3;
+  return status.substr(begin, status.find('\n', begin) - begin);
+}
+
+std::vector<pid_t> Children(pid_t parent) {
+  std::vector<pid_t> found;
+  DIR* dir = opendir("/proc");
+  while (struct dirent const* e = dir != nullptr ? readdir(dir) : nullptr) {
+    pid_t const pid = atoi(e->d_name);
+    if (pid > 0 && StatusField(pid, "PPid") == std::to_string(parent)) found.push_back(pid);
+  }
+  if (dir != nullptr) closedir(dir);
+  return found;
+}
+
+// `kovasharing-gate --fastcgi` with its own socket, or with one made here and handed over as
+// socket activation does; standard error goes to a file.
+class Server {
+ public:
+  explicit Server(int workers, bool wait = true, bool activated = false)
+      : socket_(dir_.File("gate.sock")) {
+    int listener = -1;
+    if (activated) {
+      listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+      struct sockaddr_un addr = {};
+      addr.sun_family = AF_UNIX;
+      snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_.c_str());
+      EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
+      EXPECT_EQ(0, listen(listener, 16));
+    }
+    pid_ = fork();
+    if (pid_ == 0) {
+      std::string const count = std::to_string(workers);
+      if (activated) {
+        dup2(listener, 3);
+        setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+        setenv("LISTEN_FDS", "1", 1);
+      }
+      if (freopen(dir_.File("err").c_str(), "w", stderr) != nullptr) {
+        if (activated) {
+          execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", "--workers", count.c_str(),
+                static_cast<char*>(nullptr));
+        }
+        execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", "--socket", socket_.c_str(),
+              "--workers", count.c_str(), static_cast<char*>(nullptr));
+      }
+      _exit(127);
+    }
+    if (listener >= 0) close(listener);
+    EXPECT_TRUE(!wait || WaitForWorkers(workers)) << Err();
+  }
+  ~Server() {
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << Err();
+    EXPECT_TRUE(Children(pid_).empty());
+  }
+  // The workers: the children that are not the login helper.
+  std::vector<pid_t> Workers() const {
+    std::vector<pid_t> workers;
+    for (pid_t const pid : Children(pid_)) {
+      if (StatusField(pid, "Name") == "kovagate-worker") workers.push_back(pid);
+    }
+    return workers;
+  }
+  bool WaitForWorkers(size_t count, pid_t gone = 0) const {
+    for (int i = 0; i < 500; ++i) {
+      std::vector<pid_t> const workers = Workers();
+      struct stat st;
+      if (workers.size() == count && stat(socket_.c_str(), &st) == 0 &&
+          std::find(workers.begin(), workers.end(), gone) == workers.end()) {
+        return true;
+      }
+      usleep(10000);
+    }
+    return false;
+  }
+  std::string Err() const { return kovatest::ReadFile(dir_.File("err")); }
+  std::string const& socket() const { return socket_; }
+  pid_t pid() const { return pid_; }
+
+ private:
+  kovatest::TempDir dir_;
+  std::string socket_;
+  pid_t pid_ = -1;
+};
+
+class FastCgiTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(kovatest::RealRoot()) << "the server starts as root";
+    ASSERT_TRUE(SharingDB::Instance().IsGood());
+    AutoBlockUnblock("192.0.2.30");
+  }
+  std::string Link(Entry::ProtectType type) {
+    Entry entry;
+    entry.set_project_name("fastcgi-test");
+    entry.set_owner_user("alice");
+    entry.set_protect_type(type);
+    if (type == Entry::PROTECT_PASSWORD) {
+      entry.set_protect_password("open sesame", true, Entry::ENCRYPT_ALGO_DEFAULT);
+    } else {
+      entry.set_protect_groups({"editors"});
+    }
+    Json::Value app(Json::objectValue);
+    app["title"] = "Holiday pictures";
+    entry.set_app(app);
+    EXPECT_TRUE(EntryDB(SharingDB::Instance()).CreateWithHash(entry));
+    return entry.get_hash();
+  }
+};
+
+TEST_F(FastCgiTest, WorkersRunAsTheSystemAccountAndVisitorsLogIn) {
+  Server server(2);
+  struct stat st;
+  ASSERT_EQ(0, stat(server.socket().c_str(), &st));
+  EXPECT_EQ(0660u, st.st_mode & 07777);
+  std::vector<pid_t> const children = Children(server.pid());
+  ASSERT_EQ(3u, children.size());
+  for (pid_t const pid : children) {
+    bool const helper = StatusField(pid, "Name") == "kovagate-login";
+    EXPECT_EQ(helper ? "0\t0\t0\t0" : "1\t1\t1\t1", StatusField(pid, "Uid")) << pid;
+    EXPECT_EQ(helper ? "0\t0\t0\t0" : "1\t1\t1\t1", StatusField(pid, "Gid")) << pid;
+    EXPECT_TRUE(helper || StatusField(pid, "Groups") == " ") << "no groups: " << pid;
+  }
+
+  struct {
+    Entry::ProtectType type;
+    std::string wrong, right, form_field;
+  } const walks[] = {
+      {Entry::PROTECT_PASSWORD, "password=guess", "password=open+sesame", "name=\"password\""},
+      {Entry::PROTECT_USER, "zel_username=alice&zel_password=wrong",
+       "zel_username=alice&zel_password=alice-secret", "name=\"zel_username\""},
+  };
+  for (auto const& walk : walks) {
+    std::string const hash = Link(walk.type);
+    SCOPED_TRACE(walk.right);
+    Visitor visitor{server.socket()};
+    Response r = visitor.Send("GET", hash);
+    EXPECT_EQ(200, r.status);
+    EXPECT_TRUE(r.Has(walk.form_field));
+    EXPECT_EQ(403, visitor.Send("POST", hash, walk.wrong).status);
+    EXPECT_TRUE(visitor.jar.empty());
+    r = visitor.Send("POST", hash, walk.right);
+    EXPECT_EQ(303, r.status);
+    ASSERT_EQ(1u, visitor.jar.count("sharing_sid_" + hash));
+    r = visitor.Send("GET", hash);
+    EXPECT_EQ(200, r.status);
+    EXPECT_TRUE(r.Has("Holiday pictures"));
+    EXPECT_EQ(303, visitor.Send("POST", hash, "action=logout").status);
+    EXPECT_TRUE(visitor.jar.empty());
+    EXPECT_TRUE(visitor.Send("GET", hash).Has(walk.form_field));
+  }
+}
+
+// One worker serves every request; none of them sees the body or the cookies of the one
+// before. A killed worker is replaced, and a 500 writes one line to standard error.
+TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
+  Server server(1, true, true);  // its socket from socket activation
+  std::string const hash = Link(Entry::PROTECT_PASSWORD);
+  Visitor visitor{server.socket()};
+  ASSERT_EQ(303, visitor.Send("POST", hash, "password=open+sesame").status);
+  ASSERT_TRUE(visitor.Send("GET", hash).Has("Holiday pictures"));
+  Visitor stranger{server.socket()};
+  EXPECT_EQ(403, stranger.Send("POST", hash, "").status) << "the earlier body is gone";
+  EXPECT_TRUE(stranger.Send("GET", hash).Has("name=\"password\"")) << "so are its cookies";
+
+  std::vector<pid_t> const before = server.Workers();
+  ASSERT_EQ(1u, before.size());
+  ASSERT_EQ(0, kill(before[0], SIGKILL));
+  ASSERT_TRUE(server.WaitForWorkers(1, before[0]));
+  EXPECT_NE(std::string::npos,
+            server.Err().find("worker " + std::to_string(before[0]) + " ended by signal 9"));
+  EXPECT_TRUE(visitor.Send("GET", hash).Has("Holiday pictures"));
+
+  std::string const err = server.Err();
+  EXPECT_EQ(500, visitor.Send("GET", hash, "", false).status);  // no client address
+  EXPECT_EQ(err + "kovasharing-gate: authorization check failed\n", server.Err());
+}
+
+// A worker that cannot open the database ends; the supervisor starts another, after a pause
+// when the last one lived less than a second, until one can.
+TEST_F(FastCgiTest, AWorkerWithoutItsDatabaseEndsAndAnotherTakesOver) {
+  std::string const hash = Link(Entry::PROTECT_PASSWORD);
+  std::string const dir = kovatest::Root() + "/usr/kova/etc/private/session/sharing";
+  struct stat st;
+  ASSERT_EQ(0, stat(dir.c_str(), &st));
+  ASSERT_EQ(0, chmod(dir.c_str(), 0));
+  Server server(1, false);
+  usleep(2500 * 1000);
+  chmod(dir.c_str(), st.st_mode & 07777);
+  std::string const err = server.Err();
+  size_t ended = 0;
+  for (size_t at = 0; (at = err.find("ended with status 1", at)) != std::string::npos; ++at)
+    ++ended;
+  EXPECT_TRUE(ended >= 2 && ended <= 4) << err;
+  EXPECT_NE(std::string::npos, err.find("kovasharing-gate: worker ends: database not usable\n"));
+  EXPECT_TRUE(Visitor(server.socket()).Send("GET", hash).Has("name=\"password\""));
+}
+
+// A CGI request whose query words arrive as arguments is answered as one, never as a command.
+TEST(GateCgi, ArgumentsOfACgiRequestAreNoOptions) {
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  pid_t const pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], STDOUT_FILENO);
+    setenv("GATEWAY_INTERFACE", "CGI/1.1", 1);
+    setenv("REQUEST_METHOD", "GET", 1);
+    setenv("QUERY_STRING", "--fastcgi", 1);
+    execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(fds[1]);
+  char buf[64] = {};
+  ASSERT_TRUE(ReadAll(fds[0], buf, 12));
+  close(fds[0]);
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ("Status: 404 ", std::string(buf));
+}
+
+// ---------------------------------------------------------------- the parts beneath
+
+long ReadString(void* context, char* buf, size_t size) {
+  auto* text = static_cast<std::string*>(context);
+  size_t const n = std::min(size, text->size());
+  memcpy(buf, text->data(), n);
+  text->erase(0, n);
+  return static_cast<long>(n);
+}
+
+TEST(CgiRequestReset, NothingOfARequestReachesTheNext) {
+  setenv("REMOTE_ADDR", "198.51.100.7", 1);  // the process's own: no request may see it
+  setenv("KOVA_TEST_MARK", "kept", 1);
+  std::string body = "password=first";
+  char const* const first[] = {
+      "REQUEST_METHOD=POST", "CONTENT_TYPE=application/x-www-form-urlencoded",
+      "CONTENT_LENGTH=14",   "HTTP_COOKIE=sid=one",
+      "not a variable",      nullptr};
+  ASSERT_EQ(1, KovaCgiRequestBegin(first, ReadString, &body));
+  EXPECT_EQ(nullptr, getenv("REMOTE_ADDR"));
+  EXPECT_STREQ("kept", getenv("KOVA_TEST_MARK"));
+  KOVA_CGI_HANDLE h = nullptr, again = nullptr;
+  ASSERT_EQ(1, KovaCgiInit("", &h));
+  ASSERT_EQ(1, KovaCgiInit("", &again));
+  KovaCgiLoadInCookies(h);
+  EXPECT_STREQ("first", KovaCgiGetRequestParam(h, "password", 0));
+  EXPECT_STREQ("first", KovaCgiGetRequestParam(again, "password", 0)) << "read once, kept";
+  EXPECT_STREQ("one", KovaCgiGetCookie(h, "sid"));
+  KovaCgiFree(h);
+  KovaCgiFree(again);
+  KovaCgiRequestEnd();
+  EXPECT_STREQ("198.51.100.7", getenv("REMOTE_ADDR"));
+  EXPECT_EQ(nullptr, getenv("HTTP_COOKIE"));
+
+  // The next request announces a body of the same size but brings none.
+  char const* const second[] = {"REQUEST_METHOD=POST",
+                                "CONTENT_TYPE=application/x-www-form-urlencoded",
+                                "CONTENT_LENGTH=14", nullptr};
+  ASSERT_EQ(1, KovaCgiRequestBegin(second, nullptr, nullptr));
+  EXPECT_EQ(0, KovaCgiInit("", &h)) << "refused as a short body, not answered from the last";
+  char const* const third[] = {"REQUEST_METHOD=GET", nullptr};
+  ASSERT_EQ(1, KovaCgiRequestBegin(third, nullptr, nullptr));  // ends the second
+  ASSERT_EQ(1, KovaCgiInit("", &h));
+  EXPECT_EQ(0, KovaCgiLoadInCookies(h));
+  EXPECT_EQ(nullptr, KovaCgiGetRequestParam(h, "password", 0));
+  KovaCgiFree(h);
+  KovaCgiRequestEnd();
+  EXPECT_EQ(-1, KovaCgiRequestBegin(nullptr, nullptr, nullptr));
+  unsetenv("REMOTE_ADDR");
+  unsetenv("KOVA_TEST_MARK");
+}
+
+// A question to the login helper as a worker sends it: id, three lengths, the texts.
+std::string Question(uint64_t id, std::string const& name, std::string const& password,
+                     std::string const& address, size_t name_length = std::string::npos) {
+  std::string q(reinterpret_cast<char const*>(&id), 8);
+  for (size_t n : {name_length == std::string::npos ? name.size() : name_length, password.size(),
+                   address.size()}) {
+    q += static_cast<char>(n >> 8);
+    q += static_cast<char>(n & 0xff);
+  }
+  return q + name + password + address;
+}
+
+TEST(LoginHelper, AnswersWellFormedQuestionsOnly) {
+  int pair[2];
+  ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair));
+  pid_t const pid = fork();
+  if (pid == 0) {
+    close(pair[0]);
+    _exit(KovaCgiLoginServe(&pair[1], 1, "webui", KOVA_CGI_LOGIN_QUIET) == 0 ? 0 : 1);
+  }
+  close(pair[1]);
+  struct {
+    std::string question;
+    char answer;
+  } const cases[] = {
+      {Question(7, "alice", "alice-secret", "192.0.2.1"), 'y'},
+      {Question(7, "alice", "alice-secret", ""), 'y'},
+      {Question(7, "alice", "wrong", "192.0.2.1"), 'n'},
+      {Question(7, "alice", "alice-secret", "192.0.2.1", 4), 'n'},     // lengths disagree
+      {Question(7, "alice", "alice-secret", "192.0.2.1") + "x", 'n'},  // trailing byte
+      {Question(7, "alice", "alice-secret", "not-an-address"), 'n'},
+      {Question(7, std::string("alice\0x", 7), "alice-secret", ""), 'n'},
+      {Question(7, "", "alice-secret", ""), 'n'},
+      {Question(7, std::string(257, 'a'), "alice-secret", ""), 'n'},
+      {Question(7, "alice", std::string(1025, 'p'), ""), 'n'},
+      {std::string("\7\0\0", 3), 'n'},
+  };
+  for (auto const& c : cases) {
+    ASSERT_EQ(static_cast<ssize_t>(c.question.size()),
+              send(pair[0], c.question.data(), c.question.size(), 0));
+    char answer[16] = {};
+    ASSERT_EQ(9, recv(pair[0], answer, sizeof answer, 0));
+    EXPECT_EQ(c.answer, answer[8]) << c.question.size();
+    EXPECT_EQ(c.question.size() >= 8 ? 7 : 0, answer[0]) << "the answer names its question";
+  }
+  // The platform login asks the helper when one is set, and never takes the answer to a
+  // question that is not its own (one left unread by a worker before it).
+  std::string const stale = Question(9, "alice", "alice-secret", "");
+  send(pair[0], stale.data(), stale.size(), 0);
+  KovaCgiLoginSetHelper(pair[0], 5000);
+  setenv("REMOTE_ADDR", "192.0.2.1", 1);
+  KOVA_CGI_HANDLE h = nullptr;
+  ASSERT_EQ(1, KovaCgiInit("", &h));
+  char reply[128];
+  KOVA_CGI_LOGIN_REQ request = {"alice", "wrong", "webui", 15, KOVA_CGI_LOGIN_QUIET};
+  EXPECT_EQ(0, KovaCgiLogin(h, reply, sizeof reply, &request));
+  request.password = "alice-secret";
+  EXPECT_EQ(1, KovaCgiLogin(h, reply, sizeof reply, &request));
+  EXPECT_STREQ("user=alice&sid=&timeout=15", reply);
+  KovaCgiFree(h);
+  KovaCgiLoginSetHelper(-1, 0);
+  unsetenv("REMOTE_ADDR");
+  close(pair[0]);
+  int status = -1;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the helper ends with its peer";
+}
+
+// In a process that already is the system account (a worker), the guard's switches to it are
+// no-ops that succeed, and a switch to root fails without moving anything.
+TEST(SystemAccountProcess, IdentityGuardSwitchesAreNoOps) {
+  pid_t const pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) _exit(2);
+    {
+      KOVA::sharing::RunAsScope scope(1, 1, __FILE__, __LINE__, "test");
+      if (!scope.IsSwitched() || geteuid() != 1 || getegid() != 1) _exit(3);
+    }
+    {
+      KOVA::sharing::RunAsScope scope(0, 0, __FILE__, __LINE__, "test");
+      if (scope.IsSwitched() || geteuid() != 1) _exit(4);
+    }
+    KovaIdentity saved;
+    KovaIdentityLock();
+    if (KovaIdentitySwitch(1, 1, &saved) != 1 || KovaIdentityRestore(&saved) != 1) _exit(5);
+    KovaIdentityUnlock();
+    uid_t r, e, s;
+    getresuid(&r, &e, &s);
+    _exit(r == 1 && e == 1 && s == 1 && getegid() == 1 && getgroups(0, nullptr) == 0 ? 0 : 6);
+  }
+  int status = -1;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+}  // namespace
