@@ -61,6 +61,13 @@ KOVA_PLATFORM_EXPORT int KovaCgiRequestBegin(const char* const* variables, KovaC
  * drop a request's secrets before it goes on. */
 KOVA_PLATFORM_EXPORT void KovaCgiRequestEnd(void);
 
+/* Sets the variable `name` of the request's environment to `value` (NULL removes it), as the
+ * program's own view of the request (for example the client behind a trusted proxy): inside
+ * an open request only that request's environment changes and nothing of it outlasts the
+ * request; without one, the process environment changes. Returns 1, or -1 on a bad name or
+ * no memory. */
+KOVA_PLATFORM_EXPORT int KovaCgiSetVariable(const char* name, const char* value);
+
 /* Reads the request: parameters from QUERY_STRING and, for a POST of
  * application/x-www-form-urlencoded, from the body (CONTENT_LENGTH bytes, from standard input
  * or the reader of KovaCgiRequestBegin, read once per request and kept for later handles of

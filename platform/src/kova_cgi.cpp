@@ -15,6 +15,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 #include <string>
 #include <utility>
@@ -297,6 +298,38 @@ void KovaCgiRequestEnd(void) {
   for (auto& text : request.texts) Wipe(text);
   request.texts.clear();
   request.environ_.clear();
+}
+
+int KovaCgiSetVariable(const char* name, const char* value) {
+  if (name == nullptr || *name == '\0' || strchr(name, '=') != nullptr) return -1;
+  OpenRequest& request = Request();
+  if (!request.open) {
+    return (value != nullptr ? setenv(name, value, 1) : unsetenv(name)) == 0 ? 1 : -1;
+  }
+  // The request's own texts change; its environment is listed anew from them and the
+  // process's variables that are neither CGI variables nor this one.
+  try {
+    std::string const prefix = std::string(name) + "=";
+    auto const named = [&prefix](char const* text) {
+      return strncmp(text, prefix.c_str(), prefix.size()) == 0;
+    };
+    for (auto& text : request.texts) {
+      if (named(text.c_str())) Wipe(text);
+    }
+    request.texts.erase(std::remove(request.texts.begin(), request.texts.end(), std::string()),
+                        request.texts.end());
+    if (value != nullptr) request.texts.push_back(prefix + value);
+    request.environ_.clear();
+    for (auto& text : request.texts) request.environ_.push_back(&text[0]);
+    for (char** e = request.saved_environ; e != nullptr && *e != nullptr; ++e) {
+      if (!IsCgiVariable(*e) && !named(*e)) request.environ_.push_back(*e);
+    }
+    request.environ_.push_back(nullptr);
+  } catch (std::bad_alloc const&) {
+    return -1;
+  }
+  environ = request.environ_.data();
+  return 1;
 }
 
 int KovaCgiInit(const char* config, KOVA_CGI_HANDLE* handle) {

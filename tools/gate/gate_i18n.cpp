@@ -1,5 +1,6 @@
 #include "gate_i18n.h"
 
+#include <kova_cgi.h>
 #include <libintl.h>
 #include <locale.h>
 #include <stdlib.h>
@@ -78,10 +79,11 @@ void ChooseLanguage(std::string const& header) {
   }
   chosen = best;
   if (chosen == kLanguages[0]) return;  // English is the texts themselves
-  // The environment may be each request's own (FastCGI), so it is checked every time.
-  char const* const current = getenv("LANGUAGE");
-  if (current == nullptr || strcmp(current, chosen) != 0) {
-    setenv("LANGUAGE", chosen, 1);
+  // The request's own variable: a server of many requests keeps none of it for the next.
+  KovaCgiSetVariable("LANGUAGE", chosen);
+  static char const* looked_up = nullptr;  // gettext remembers what it found for this one
+  if (looked_up != chosen) {
+    looked_up = chosen;
     ++_nl_msg_cat_cntr;
   }
 }
