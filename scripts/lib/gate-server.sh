@@ -34,8 +34,8 @@ gate_prepare() {
   cat >"$fixtures/passwd" <<EOF
 root:x:0:0:root:/root:/bin/sh
 kovasys:x:1:1:appliance system account:/:/usr/sbin/nologin
-ann:x:2001:2001:ann:/home/ann:/bin/sh
-ben:x:2002:2002:ben:/home/ben:/bin/sh
+ann:x:2001:2001:Ann Demo,,,:/home/ann:/bin/sh
+ben:x:2002:2002:Ben Demo,,,:/home/ben:/bin/sh
 EOF
   cat >"$fixtures/group" <<EOF
 root:x:0:
@@ -87,12 +87,16 @@ gate_make_links() {
   if cmake --build "$build" --target kovasharing_cli >/dev/null 2>&1 &&
     [ -x "$build/tools/kovasharing" ]; then
     GATE_LINK_TOOL=$build/tools/kovasharing
+    # The tool prints the whole link when a base address is configured: the hash ends it.
     GATE_PASSWORD_HASH=$(gate_run "$GATE_LINK_TOOL" create --project photo-album --owner ann \
-      --password "$password" --match-ip no --redirect none \
-      --app '{"title": "Summer photos", "folder": "/photos/summer", "pictures": 42}')
+      --password "$password" --match-ip no --redirect none --expire-at +30d --max-uses 100 \
+      --app '{"title": "Summer photos", "description": "Forty-two pictures from the lake.",
+              "size": 84000000, "folder": "/photos/summer", "pictures": 42}')
+    GATE_PASSWORD_HASH=${GATE_PASSWORD_HASH##*=}
     GATE_GROUP_HASH=$(gate_run "$GATE_LINK_TOOL" create --project review --owner ann \
       --groups reviewers --match-ip no --redirect none \
       --app '{"title": "Annual report, draft 3", "document": "/docs/report-draft.odt"}')
+    GATE_GROUP_HASH=${GATE_GROUP_HASH##*=}
   else
     GATE_LINK_TOOL=$build/kovasharing-demo-links
     links=$(gate_run "$GATE_LINK_TOOL" ann "$password" reviewers)

@@ -5,6 +5,7 @@
 #include <kovasharing/kovasharing.h>
 
 #include <cstdio>
+#include <ctime>
 #include <string>
 
 using KOVA::sharing::db::EntryDB;
@@ -36,6 +37,8 @@ int main(int argc, char** argv) {
 
   Json::Value album(Json::objectValue);
   album["title"] = "Summer photos";
+  album["description"] = "Forty-two pictures from the lake, for the family.";
+  album["size"] = 84000000;
   album["folder"] = "/photos/summer";
   album["pictures"] = 42;
   Entry photos;
@@ -45,6 +48,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   photos.set_app(album);
+  photos.set_expire_at(static_cast<long>(time(nullptr)) + 30L * 86400);  // a month from now
   photos.set_protect_type(Entry::PROTECT_PASSWORD);
   photos.set_protect_password(argv[2], true, Entry::ENCRYPT_ALGO_DEFAULT);
   photos.set_redirect_type(Entry::REDIRECT_NONE);
