@@ -126,7 +126,7 @@ struct Visitor {
   std::map<std::string, std::string> jar;
 
   Response Send(char const* method, std::string const& hash, std::string const& body = "",
-                bool with_address = true) {
+                bool with_address = true, Vars const& extra = {}) {
     Vars vars = {{"GATEWAY_INTERFACE", "CGI/1.1"},
                  {"REQUEST_METHOD", method},
                  {"SCRIPT_NAME", "/share"},
@@ -138,6 +138,7 @@ struct Visitor {
       vars["CONTENT_LENGTH"] = std::to_string(body.size());
     }
     for (auto const& c : jar) vars["HTTP_COOKIE"] += c.first + "=" + c.second + "; ";
+    for (auto const& v : extra) vars[v.first] = v.second;
     Response r = FastCgi(socket, vars, body);
     static std::regex const cookie("^Set-Cookie: ([^=]+)=([^;]*);");
     for (auto const& line : r.headers) {
@@ -326,6 +327,18 @@ TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
   Visitor stranger{server.socket()};
   EXPECT_EQ(403, stranger.Send("POST", hash, "").status) << "the earlier body is gone";
   EXPECT_TRUE(stranger.Send("GET", hash).Has("name=\"password\"")) << "so are its cookies";
+  // Nor what the gate made of one: HTTPS learnt from a trusted proxy, a chosen language.
+  Vars const proxied = {{"KOVASHARING_GATE_TRUSTED_PROXIES", "192.0.2.30"},
+                        {"HTTP_X_FORWARDED_PROTO", "https"},
+                        {"HTTP_ACCEPT_LANGUAGE", "de"}};
+  Visitor behind_proxy{server.socket()}, plain{server.socket()};
+  Response r = behind_proxy.Send("POST", hash, "password=open+sesame", true, proxied);
+  EXPECT_EQ(0u, r.Header("Set-Cookie").find("__Host-sharing_sid_")) << r.Header("Set-Cookie");
+  EXPECT_TRUE(behind_proxy.Send("GET", hash, "", true, proxied).Has("<html lang=\"de\">"));
+  EXPECT_EQ(
+      0u,
+      plain.Send("POST", hash, "password=open+sesame").Header("Set-Cookie").find("sharing_sid_"));
+  EXPECT_TRUE(plain.Send("GET", hash).Has("<html lang=\"en\">"));
 
   std::vector<pid_t> const before = server.Workers();
   ASSERT_EQ(1u, before.size());
