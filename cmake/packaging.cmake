@@ -67,9 +67,9 @@ set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION}), li
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME kovasharing-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
-# Built from the same tree as the libraries they link, so tied to that very version. The gate's
-# FastCGI server links Debian 12's libfcgi (dpkg-shlibdeps finds it as well).
-set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION}), libfcgi0ldbl")
+# Built from the same tree as the libraries they link, so tied to that very version; the other
+# libraries they load (libfcgi, libqrencode) dpkg-shlibdeps adds.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libkovasharing1 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "lighttpd | nginx | apache2")
 
 # The first line of each description is the package's synopsis.
