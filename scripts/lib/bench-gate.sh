@@ -34,25 +34,7 @@ bench_gate() {
   setsid fcgiwrap -c 8 -s "unix:$work/cgi.sock" 2>"$work/fcgiwrap.err" &
   local cgi_group=$!
   port=$((20000 + RANDOM % 30000))
-  mkdir -p "$work/nginx"
-  cat >"$work/nginx.conf" <<EOF
-daemon off;
-user root root;
-worker_processes 2;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx-error.log;
-events { worker_connections 256; }
-http {
-  access_log off;
-  client_body_temp_path $work/nginx/body;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  proxy_temp_path $work/nginx/proxy;
-  scgi_temp_path $work/nginx/scgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  server {
-    listen 127.0.0.1:$port;
-    root $work/nginx;
-    location = /share {
+  nginx_config "$work" root 2 "$port" "    location = /share {
       include /etc/nginx/fastcgi_params;
       fastcgi_pass unix:$work/gate.sock;
     }
@@ -60,10 +42,7 @@ http {
       include /etc/nginx/fastcgi_params;
       fastcgi_param SCRIPT_FILENAME $build/kovasharing-gate;
       fastcgi_pass unix:$work/cgi.sock;
-    }
-  }
-}
-EOF
+    }"
   nginx -e "$work/nginx-error.log" -p "$work/nginx" -c "$work/nginx.conf" </dev/null \
     >"$work/nginx.out" 2>&1 &
   pids+=("$!")
@@ -81,7 +60,7 @@ EOF
   local ok=1
   for mode in share cgi; do
     curl -s -H "Cookie: sharing_sid_$hash=$sid" "http://127.0.0.1:$port/$mode?sharing_id=$hash" |
-      grep -q "Shared with you" || ok=0
+      grep -q "<h1>Bench</h1>" || ok=0
   done
   if [ -z "$sid" ] || [ $ok -ne 1 ]; then
     echo "bench_gate: the content page cannot be reached through both paths" >&2

@@ -11,6 +11,10 @@
 #                                      lighttpd on a free port; sets GATE_PID, GATE_PORT and
 #                                      GATE_BASE (the gate's URL)
 #   gate_server_stop                   stops it again
+#   nginx_config WORK USER PROCESSES PORT LOCATIONS
+#                                      writes WORK/nginx.conf: nginx in the foreground on
+#                                      127.0.0.1:PORT with its files under WORK/nginx and the
+#                                      location blocks in LOCATIONS
 #
 # The demo's accounts: ann (group reviewers, password ann-demo-pw) and ben (not a reviewer,
 # password ben-demo-pw). Nothing reads or changes the machine's users or PAM configuration.
@@ -169,4 +173,30 @@ gate_server_stop() {
     wait "$GATE_PID" 2>/dev/null || true
     GATE_PID=""
   fi
+}
+
+nginx_config() {
+  local work=$1 user=$2 processes=$3 port=$4 locations=$5
+  mkdir -p "$work/nginx"
+  cat >"$work/nginx.conf" <<EOF
+daemon off;
+user $user $user;
+worker_processes $processes;
+pid $work/nginx/nginx.pid;
+error_log $work/nginx-error.log;
+events { worker_connections 256; }
+http {
+  access_log off;
+  client_body_temp_path $work/nginx/body;
+  fastcgi_temp_path $work/nginx/fastcgi;
+  proxy_temp_path $work/nginx/proxy;
+  scgi_temp_path $work/nginx/scgi;
+  uwsgi_temp_path $work/nginx/uwsgi;
+  server {
+    listen 127.0.0.1:$port;
+    root $work/nginx;
+$locations
+  }
+}
+EOF
 }

@@ -146,31 +146,10 @@ stop_server() {
 
 # nginx
 port=$(free_port)
-mkdir -p "$work/nginx"
-cat >"$work/nginx.conf" <<EOF
-daemon off;
-user www-data www-data;
-worker_processes 1;
-pid $work/nginx/nginx.pid;
-error_log $work/nginx-error.log;
-events { worker_connections 64; }
-http {
-  access_log off;
-  client_body_temp_path $work/nginx/body;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  proxy_temp_path $work/nginx/proxy;
-  scgi_temp_path $work/nginx/scgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  server {
-    listen 127.0.0.1:$port;
-    root $work/nginx;
-    location = /share {
+nginx_config "$work" www-data 1 "$port" "    location = /share {
       include /etc/nginx/fastcgi_params;
       fastcgi_pass unix:$socket;
-    }
-  }
-}
-EOF
+    }"
 start_server nginx "$port" nginx -e "$work/nginx-error.log" -p "$work/nginx" -c "$work/nginx.conf"
 walk nginx "http://127.0.0.1:$port/share"
 stop_server
