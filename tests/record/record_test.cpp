@@ -1,14 +1,12 @@
-// The records: an entry's row through the database, rows written by other programs, the
-// caller's form, the rules in their order, validity at its boundaries, password digests, users
-// and groups from the nss_wrapper fixtures; sessions and tokens with their rules and expiry.
+// The records: an entry's row through the database, the rules in their order, validity at its
+// boundaries, password digests, users and groups from the nss_wrapper fixtures; sessions and
+// tokens with their rules and expiry.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
-#include <cstdlib>
 #include <functional>
 #include <regex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "kovasharing/constants.h"
@@ -118,70 +116,6 @@ TEST(EntryRow, ThroughTheDatabase) {
   ASSERT_TRUE(store.Update(read.GetCObject()));
   ASSERT_TRUE(store.GetById(written.get_id(), again.GetObject()));
   EXPECT_EQ(Fields(read), Fields(again));
-
-  // Rows written by other programs, read into a FullEntry: {data, usable, protection type,
-  // algorithm, redirect type, address binding}. Missing members read as user protection, MD5
-  // and always redirect; data that is no JSON object, or whose members do not convert, leaves
-  // the entry's data as it was, and nothing is thrown.
-  std::vector<std::tuple<std::string, bool, std::string>> const cases = {
-      {R"({"app":{},"protect_uids":[1000]})", true, "2 1 2 0"},
-      {R"({"app":{}})", false, "2 1 2 0"},  // user protection without users
-      {R"({"app":{},"protect_type":"none","protect_password_algo":"DEFAULT"})", true, "0 1 2 0"},
-      {R"({"app":{},"protect_type":"none","protect_password_algo":"default",)"
-       R"("redirect_type":"url_param","enable_match_ip":1})",
-       true, "0 0 1 1"},
-      {"{not json", false, "1 0 1 0"},
-      {R"({"app":{},"protect_uids":[-1]})", false, "1 0 1 0"},
-      {R"({"app":{},"enable_match_ip":"yes"})", false, "1 0 1 0"},
-  };
-  for (auto const& [data, usable, fields] : cases) {
-    base.Exec("INSERT INTO entry VALUES (NULL, 'row', 'p', 1, 1001, 0, 0, 0, 0, 1, '" + data +
-              "')");
-    Entry e = FullEntry();
-    bool ok = true;
-    int id = 0;
-    ASSERT_TRUE(base.db.GetLastInsertId(id));
-    EXPECT_NO_THROW(ok = store.GetById(id, e.GetObject())) << data;
-    EXPECT_EQ(usable, ok) << data;
-    EXPECT_EQ("row 1001 " + fields, e.get_hash() + " " + std::to_string(e.get_owner_uid()) + " " +
-                                        std::to_string(e.get_protect_type()) + " " +
-                                        std::to_string(e.get_protect_password_algo()) + " " +
-                                        std::to_string(e.get_redirect_type()) + " " +
-                                        std::to_string(e.get_enable_match_ip()))
-        << data;
-    base.Exec("DELETE FROM entry WHERE hash = 'row'");
-  }
-  kovatest::ClearLogs();
-}
-
-TEST(EntryRow, CallersFormShowsNamesAndLocalTimesNotSecrets) {
-  Json::Value out(Json::objectValue);
-  out["stale"] = true;
-  FullEntry().ToJSON(out);
-  for (char const* hidden : {"stale", "protect_password", "protect_password_salt", "protect_uids",
-                             "private_data", "owner_uid", "data"}) {
-    EXPECT_FALSE(out.isMember(hidden)) << hidden;
-  }
-  EXPECT_EQ("alice 2020-09-13 12:26:40 2030-03-17 17:46:40 password url_param",
-            out["owner_user"].asString() + " " + out["start_at"].asString() + " " +
-                out["expire_at"].asString() + " " + out["protect_type"].asString() + " " +
-                out["redirect_type"].asString());
-  EXPECT_EQ(kApp, out["app"]);
-  EXPECT_EQ(Parse(R"(["alice"])"), out["protect_users"]) << "4242 has no name";
-  // Unknown enumeration values: the row says user and always, the caller's form none.
-  Entry odd;
-  odd.set_protect_type(Entry::ProtectType(7)).set_redirect_type(Entry::RedirectType(9));
-  odd.ToJSON(out);
-  Json::Value const data = Parse(odd.GetFieldList()[9]);
-  EXPECT_EQ("user always none none",
-            data["protect_type"].asString() + " " + data["redirect_type"].asString() + " " +
-                out["protect_type"].asString() + " " + out["redirect_type"].asString());
-  // Time texts are read and written in the local zone (the tests run in UTC).
-  setenv("TZ", "JST-9", 1), tzset();
-  odd.set_start_at_str("2024-01-02 03:04:05", "%Y-%m-%d %H:%M:%S");
-  EXPECT_EQ(1704132245, odd.get_start_at());  // 2024-01-01 18:04:05 UTC
-  EXPECT_EQ("2024-01-02", odd.get_start_at_str("%Y-%m-%d"));
-  setenv("TZ", "UTC", 1), tzset();
 }
 
 TEST(EntryRules, LegalityInItsOrder) {
