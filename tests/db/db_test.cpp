@@ -1,6 +1,4 @@
-// The db layer with real setresuid/setresgid and real SQLite files under the system account:
-// the privilege guard (threads, groups, failures half-way), the connection, rows, transactions,
-// escaping, conditions, and the sharing database's migration with this build's schema scripts.
+// The privilege guard, connection, rows, transactions, escaping, conditions and migration.
 #include <fcntl.h>
 #include <grp.h>
 #include <kova_autoblock.h>
@@ -29,9 +27,7 @@ using namespace kovatest;
 using namespace std::string_literals;
 using namespace KOVA::sharing::db;
 
-// Every captured line, joined by "|", with the line number after "<source>:" shown as "#",
-// this process's " (<pid>) " as " (pid) ", and "auth: " or "crit: " in front of the lines of
-// LOG_AUTH | LOG_ERR and LOG_AUTH | LOG_CRIT.
+// The captured lines joined by "|", line numbers as "#", pid as "pid", auth/crit marked.
 std::string Log() {
   std::string out;
   std::regex const number("^(\\w+):\\d+"), pid(" \\(" + std::to_string(getpid()) + "\\) ");
@@ -100,8 +96,7 @@ TEST(RunAs, SwitchesAndAlwaysRestores) {
             }));
 }
 
-// The identity is the whole process's, so threads take turns; one thread goes through the
-// platform's own guard (the failed-login store) at the same time.
+// Threads take turns with the process's identity, one through the platform's own guard.
 TEST(RunAs, ThreadsTakeTurnsAndLeaveTheProcessAsItWas) {
   KOVA_REQUIRE_ROOT();
   EXPECT_EQ("0 wrong, 0:0", ChildText([] {

@@ -1,6 +1,4 @@
-// The records: an entry's row through the database, the rules in their order, validity at its
-// boundaries, password digests, users and groups from the nss_wrapper fixtures; sessions and
-// tokens with their rules and expiry.
+// Entry, session and token records: rows, rules in order, validity boundaries, passwords.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
@@ -31,10 +29,8 @@ struct Database {
   void Exec(std::string const& sql) { EXPECT_TRUE(db.Execute(sql)) << sql; }
 };
 
-// Calls `legal()` once a step: it must fail with exactly one line logged, of the shape
-// "<source>:<line> (<pid>) Failed [<condition>], err=<text>\n\n", each step's line further
-// down than the last (the rules are checked in their order); the step's repair then meets that
-// rule. Returns the line numbers.
+// Each step `legal()` fails with one "Failed [...]" line further down than the last, then
+// the step's repair meets that rule. Returns the line numbers.
 std::vector<int> RulesInOrder(std::function<bool()> const& legal, std::string const& source,
                               std::vector<std::function<void()>> const& repairs) {
   std::regex const shape("^" + source + ":(\\d+) \\(" + std::to_string(getpid()) +
@@ -76,8 +72,7 @@ std::vector<std::string> Fields(R const& r) {
 
 Json::Value const kApp = Parse(R"({"name":"files","path":"/share/äöü \"quoted\""})");
 
-// A legal entry with a distinct value in each column, away from the defaults, so that a value
-// in the wrong column shows after a round trip.
+// A legal entry with a distinct non-default value in each column.
 Entry FullEntry() {
   Entry e;
   e.set_hash("Ab3dE5gH9").set_project_name("files").set_enabled(false).set_owner_uid(1000);

@@ -1,5 +1,4 @@
-// The entry, session and token stores against a real, migrated database file, judged by the
-// rows they leave.
+// The entry, session and token stores on a real migrated file, judged by the rows they leave.
 #include <gtest/gtest.h>
 #include <json/value.h>
 
@@ -117,8 +116,7 @@ TEST_F(StoreTest, GenericOperationsReachTheirOwnTableAndCheckpoint) {
   EXPECT_GT(size(), 200000);
 }
 
-// Hashes grow by one character every third attempt from 9; session ids always have 32. A
-// refused insert, for whatever cause, is retried: 51 attempts in all, the last key tried stays.
+// Hashes grow a character every third attempt from 9, session ids keep 32; 51 attempts in all.
 TEST_F(StoreTest, RandomKeysAreUniqueAndRetriedFiftyOneTimes) {
   struct Case {
     std::string table, column, pool;
