@@ -206,9 +206,8 @@ TEST(EntryProtection, OwnerUsersAndGroupsByName) {
 
 namespace {
 
-// The rules' log lines keep their numbers; expired at the second of the timeout, legal the
-// second before. Then `written` goes through the database, and `row` is written straight into
-// the table and read back: whether it was usable, and the fields it filled.
+// Rules in order, expiry at the second of the timeout, `written` through the database and
+// `row` read back from the table: whether usable, and the fields.
 template <class R>
 std::string Check(char const* table, std::vector<int> const& lines,
                   std::vector<std::function<void(R&)>> repairs, R written, std::string const& row) {

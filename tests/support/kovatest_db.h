@@ -1,5 +1,4 @@
-// Helpers of the tests that look at database files and identities directly: a connection of
-// their own, file owners, identity switches, work in a forked child, a clock boundary.
+// Helpers for database files, owners, identity switches, forked children and clock seconds.
 #ifndef KOVATEST_DB_H
 #define KOVATEST_DB_H
 
