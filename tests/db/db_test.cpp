@@ -1,6 +1,4 @@
-// The db layer with real setresuid/setresgid and real SQLite files under the system account:
-// the privilege guard (threads, groups, failures half-way), the connection, rows, transactions,
-// escaping, conditions, and the sharing database's migration with this build's schema scripts.
+// The privilege guard, connection, rows, transactions, escaping, conditions and migration.
 #include <fcntl.h>
 #include <grp.h>
 #include <kova_autoblock.h>
@@ -10,7 +8,6 @@
 
 #include <atomic>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -30,9 +27,7 @@ using namespace kovatest;
 using namespace std::string_literals;
 using namespace KOVA::sharing::db;
 
-// Every captured line, joined by "|", with the line number after "<source>:" shown as "#",
-// this process's " (<pid>) " as " (pid) ", and "auth: " or "crit: " in front of the lines of
-// LOG_AUTH | LOG_ERR and LOG_AUTH | LOG_CRIT.
+// The captured lines joined by "|", line numbers as "#", pid as "pid", auth/crit marked.
 std::string Log() {
   std::string out;
   std::regex const number("^(\\w+):\\d+"), pid(" \\(" + std::to_string(getpid()) + "\\) ");
@@ -101,8 +96,7 @@ TEST(RunAs, SwitchesAndAlwaysRestores) {
             }));
 }
 
-// The identity is the whole process's, so threads take turns; one thread goes through the
-// platform's own guard (the failed-login store) at the same time.
+// Threads take turns with the process's identity, one through the platform's own guard.
 TEST(RunAs, ThreadsTakeTurnsAndLeaveTheProcessAsItWas) {
   KOVA_REQUIRE_ROOT();
   EXPECT_EQ("0 wrong, 0:0", ChildText([] {
@@ -166,27 +160,6 @@ TEST(BaseDB, OpeningCreatingAndRootFiles) {
   WriteFile(existing, std::string(4096, 'j'));  // no database: the set-up fails
   EXPECT_FALSE(BaseDB(existing, 432).IsGood());
   EXPECT_EQ("base_db:# (pid) init failed\n\n", Log());
-
-  // A root file the system account cannot open is no good; it is moved aside to /tmp, but not
-  // by a process without a way back to root.
-  std::string const name = "kova-engine-move-" + std::to_string(getpid()) + ".db";
-  std::string const root_file = dir.File(name), moved = "/tmp/" + name;
-  MakeDb(root_file, "", 0600);
-  ASSERT_EQ(0, chown(root_file.c_str(), 0, 0));
-  EXPECT_EQ("base_db:# Permssion denied. uid=2", ChildText([&] {
-              if (!DropForGood(2)) return "no set-up"s;
-              BaseDB(root_file, 432).MoveRootDB();
-              return Log().substr(Log().rfind('|') + 1);
-            }));
-  BaseDB db(root_file, 432);
-  EXPECT_FALSE(db.IsGood() || db.Execute("SELECT 1"));
-  EXPECT_TRUE(db.IsRoot());
-  ASSERT_EQ(0, chown(root_file.c_str(), 0, 1));  // both owner and group must be root
-  EXPECT_FALSE(db.IsRoot());
-  ASSERT_EQ(0, chown(root_file.c_str(), 0, 0));
-  db.MoveRootDB();
-  EXPECT_EQ("none 600 0:0", Owner(root_file) + " " + Owner(moved));
-  unlink(moved.c_str());
 }
 
 TEST(BaseDB, RowsTransactionsAndEscaping) {
@@ -240,24 +213,6 @@ TEST(BaseDB, RowsTransactionsAndEscaping) {
 }
 
 TEST(ResultAndCondition, FieldsAndSelections) {
-  // Int, unsigned, time, float and bool of a field, all with default 9: trailing text is
-  // ignored, "-1" as unsigned wraps, 4294967296 is past 32 bits and past 2038.
-  auto conversions = [](char const* t) {
-    std::ostringstream out;
-    out << Field(t).AsInt(9) << " " << Field(t).AsUInt(9) << " " << Field(t).AsTime(9) << " "
-        << Field(t).AsFloat(9) << " " << Field(t).AsBool(true);
-    return out.str();
-  };
-  for (auto [text, want] : {std::pair{"42abc", "42 42 42 42 0"},
-                            {"", "9 9 9 9 0"},
-                            {"1", "1 1 1 1 1"},
-                            {"true", "9 9 9 9 0"},
-                            {"2.5e1x", "2 2 2 25 0"},
-                            {"-1", "-1 4294967295 -1 -1 0"},
-                            {"4294967296", "9 9 4294967296 4.29497e+09 0"}}) {
-    EXPECT_EQ(want, conversions(text)) << text;
-  }
-
   TempDir dir;
   BaseDB db(dir.File("c.db"), 432);
   // Rows 1 to 12 with a = id % 2, b = id % 3, c = id % 5; row 13 has a quote in its hash.
@@ -403,19 +358,6 @@ TEST(SharingDB, ScriptsAreReadAsTheSystemAccount) {
   ASSERT_EQ(0, chmod(Schema("2.sql").c_str(), 0644));
   EXPECT_FALSE(good);
   EXPECT_EQ(Failed("2.sql", "Permission denied", 1), Log());
-}
-
-TEST(SharingDB, InstanceIsOneAndMigratesOnce) {
-  KOVA_REQUIRE_ROOT();
-  std::string const path = KOVA::sharing::SZF_SHARING_DB_PATH;
-  for (char const* suffix : {"", "-wal", "-shm"}) unlink((path + suffix).c_str());
-  SharingDB& first = SharingDB::Instance();
-  ASSERT_TRUE(first.IsGood());
-  EXPECT_EQ("660 1:1 3", Owner(path) + " " + Sql(path, "PRAGMA user_version"));
-  Sql(path, "PRAGMA user_version = 0;");  // a second migration would bring it back to 3
-  EXPECT_EQ(&first, &SharingDB::Instance());
-  EXPECT_EQ("0", Sql(path, "PRAGMA user_version"));
-  Sql(path, "PRAGMA user_version = 3;");
 }
 
 // The visits of a link: its 20 latest are kept, and they go with the link.

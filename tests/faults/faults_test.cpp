@@ -1,7 +1,5 @@
-// Faults beneath the visitor functions and the stores: SQLite's system calls failing (through the
-// unix VFS's system-call table), a write lock held past the busy timeout, a CGI process without
-// standard descriptors. Every call answers with its failure result, restores the identity and
-// leaves an intact database whose rows are each as they were or completely written.
+// Failing SQLite system calls, a write lock held past the busy timeout, a CGI process without
+// standard descriptors: failure results, identity restored, only whole rows.
 #include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
@@ -46,8 +44,7 @@ int Hook(char const* name, F* fn = nullptr) {
   return vfs->xSetSystemCall(vfs, name, reinterpret_cast<sqlite3_syscall_ptr>(fn));
 }
 
-// Failing writes for its lifetime, after the first `succeeding` ones (the build of SQLite uses
-// one of the two names).
+// Writes fail for its lifetime after the first `succeeding` ones.
 struct WriteFault {
   explicit WriteFault(long succeeding) {
     g_writes_left = succeeding;
@@ -111,13 +108,11 @@ int RunChild(std::string const& mode) {
   return 0;
 }
 
-// Runs before main: a child does its work and ends (static destructors run, as at the end of a
-// real request) without reaching the tests.
+// Before main: a child does its work and exits as a real request would.
 [[maybe_unused]] int const g_child =
     getenv("KOVA_FAULT_CHILD") ? (exit(RunChild(Env("KOVA_FAULT_CHILD"))), 0) : 0;
 
-// Starts this program as a child in `mode` with the extra environment; `prepare` runs in the
-// forked process just before.
+// This program as a child in `mode`; `prepare` runs in the fork before the exec.
 pid_t StartChild(std::string const& mode, std::vector<std::string> const& env,
                  std::function<void()> const& prepare = nullptr) {
   pid_t const pid = fork();
@@ -135,8 +130,7 @@ int Wait(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// A process that holds the database's write lock until it ends (the kernel then drops its
-// locks, as for any process that dies).
+// A process holding the database's write lock until it is killed.
 struct LockHolder {
   LockHolder() {
     int ready[2];

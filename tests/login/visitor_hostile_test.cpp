@@ -1,5 +1,4 @@
-// What visitors may throw at the functions (huge, binary and quoted texts, broken addresses and
-// bodies) and stores that fail half-way: each case gets its defined code, the database whole.
+// Hostile input and stores failing half-way: each case gets its code, the database stays whole.
 #include <string>
 
 #include "visitor_test_util.h"
@@ -67,8 +66,7 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
   EXPECT_EQ("ok", Integrity());
 }
 
-// Stores that refuse a write after the checks passed: no token outlives the failed login, and
-// an expired token read before a failed insert is not taken for the new one and deleted.
+// A write refused after the checks: no token outlives the failed login, none is mistaken.
 TEST_F(VisitorTest, StoreFailuresAfterTheChecks) {
   std::string const hash = MakeEntry();
   std::string sid, first;

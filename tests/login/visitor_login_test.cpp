@@ -1,6 +1,4 @@
-// Logging visitors in and checking them later: the order of the checks and their codes, which
-// refusals count as failed logins, blocking, the rows a login makes or reuses, logout, use
-// counting and the plain-linkage forms.
+// Logins and later checks: codes, counted failures, blocking, rows, logout and use counting.
 #include <pwd.h>
 
 #include <algorithm>
@@ -112,8 +110,7 @@ TEST_F(VisitorTest, BlockedAddressIsRefusedFirst) {
   EXPECT_EQ(-8, Login(sid, hash.c_str(), "s3cret"));
 }
 
-// A login with a session id reuses the session and its token, refreshed for a day; an unknown
-// or expired id carries nothing over.
+// A known session id reuses session and token for a day more; an unknown or expired one not.
 TEST_F(VisitorTest, SessionIdAtALogin) {
   std::string const hash = MakeEntry();
   std::string const user = UserEntry({"alice"});

@@ -1,6 +1,4 @@
-// Many processes at once and a database that misbehaves: administrators' changes survive
-// visitors logging in, a use limit admits exactly its number, a token never opens another link,
-// and a failed read or a broken table is an internal failure, never a wrong answer.
+// Many processes at once, and a database that misbehaves.
 #include <chrono>
 #include <map>
 #include <string>
@@ -14,9 +12,8 @@ using namespace visitortest;
 
 namespace {
 
-// Workers are this program started again, so that each opens the database as a new process
-// does. They wait on a pipe until the parent closes it, then log in until the first refusal
-// or the end of their time; the exit code is 0 when none came, else the refusal's number.
+// A worker (this program again) waits for its pipe to close, then logs in until refused or
+// out of time; it exits with 0 or the refusal's number.
 [[maybe_unused]] int const g_worker = [] {
   if (getenv("KOVA_RACE_GATE") == nullptr) return 0;
   char c;
@@ -33,8 +30,7 @@ namespace {
   exit(code == 1 ? 0 : -code);
 }();
 
-// `count` workers logging in to `hash` for `ms` milliseconds (one login when 0), started at
-// once; `meanwhile` runs in this process while they work. Returns their exit statuses.
+// `count` workers on `hash` for `ms` ms (0: one login) while `meanwhile` runs; their statuses.
 std::vector<int> Race(int count, std::string const& hash, char const* password, long ms,
                       std::function<void()> const& meanwhile = nullptr) {
   int gate[2];
@@ -70,8 +66,7 @@ std::vector<int> Race(int count, std::string const& hash, char const* password, 
 
 }  // namespace
 
-// Three processes log visitors in while an administrator changes the link the plain way
-// (read, change, store): a new password or a disabled link holds, whatever the logins wrote.
+// An administrator's change made during logins (new password, disabled link) holds.
 TEST_F(VisitorTest, AdministratorChangesSurviveConcurrentLogins) {
   for (int round = 0; round < 6; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
@@ -92,8 +87,7 @@ TEST_F(VisitorTest, AdministratorChangesSurviveConcurrentLogins) {
   }
 }
 
-// Ten visitors at once on a link with a use limit: exactly the limit gets in; plain counts
-// go on past it.
+// Ten racing visitors: exactly the use limit gets in; plain counts go on past it.
 TEST_F(VisitorTest, UseLimitAdmitsExactlyItsNumber) {
   for (int limit : {1, 3, 1, 3}) {
     std::string const hash = PasswordEntry("pw");  // checked outside the count: a wide race
@@ -114,8 +108,7 @@ TEST_F(VisitorTest, ParallelGuessesStopAtTheLimit) {
   EXPECT_EQ((std::map<int, int>{{8, 50}, {9, 10}}), seen);
 }
 
-// Whether its link or its session goes (each table's delete trigger), a token goes with it,
-// and no later link takes the gone link's row id.
+// A token goes with its link or session, and no later link takes a gone link's row id.
 TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
   std::vector<std::function<void(Entry const&, std::string const&)>> const removals = {
       [this](Entry const& e, std::string const&) {
@@ -142,8 +135,7 @@ TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
   }
 }
 
-// A read that fails (here: a row that cannot be computed) and a table that lost a column give
-// the internal-failure code; nothing is thrown out of the visitor functions.
+// A failing read or a table without a column: the internal-failure code, nothing thrown.
 TEST_F(VisitorTest, BrokenTablesAreInternalFailures) {
   std::string sid;
   std::string const hash = PasswordEntry("pw");

@@ -1,6 +1,5 @@
-// Helpers of the login tests (tests/faults uses them too): a CGI request's environment, child
-// processes, the failed-login store, and the visitor fixture: the sharing database emptied
-// before every test, links made through the entry store, raw reads of the tables.
+// Helpers of the login and fault tests: a CGI request, the failed-login store, and the visitor
+// fixture (the sharing database emptied before every test, links made through the entry store).
 #ifndef KOVA_TESTS_VISITOR_TEST_UTIL_H
 #define KOVA_TESTS_VISITOR_TEST_UTIL_H
 
@@ -32,7 +31,7 @@
 namespace kovatest {
 
 // The CGI variables of one request, cleared when it is made and when it ends; a POST body
-// comes on standard input through a pipe, as from a web server, until the request ends.
+// comes on standard input through a pipe until the request ends.
 class CgiRequest {
  public:
   explicit CgiRequest(char const* remote_addr = "192.0.2.10") : saved_stdin_(dup(STDIN_FILENO)) {
@@ -44,12 +43,9 @@ class CgiRequest {
     close(saved_stdin_);
     Clear();
   }
-  CgiRequest(CgiRequest const&) = delete;
-  CgiRequest& operator=(CgiRequest const&) = delete;
-
   void Set(char const* name, std::string const& value) { setenv(name, value.c_str(), 1); }
   void Unset(char const* name) { unsetenv(name); }
-  // A form of `body` (small enough for a pipe's buffer), announced as `declared` bytes.
+  // A form of `body` (fits a pipe's buffer), announced as `declared` bytes.
   void Post(std::string const& body, long declared) {
     Set("REQUEST_METHOD", "POST");
     Set("CONTENT_TYPE", "application/x-www-form-urlencoded");
@@ -80,8 +76,8 @@ inline int InChild(std::function<int()> const& work) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Runs one statement on the failed-login store as the system account in a child (as the
-// store's file is written); a query gives the first column of its first row (keep it < 100).
+// One statement on the failed-login store, run as the system account in a child; a query
+// gives the first column of its first row (below 100).
 inline int AutoBlockSql(std::string const& sql) {
   return InChild([&sql] {
     if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) return 100;
@@ -128,7 +124,6 @@ class VisitorTest : public ::testing::Test {
     request_.reset(new kovatest::CgiRequest(kAddr));
     kovatest::ClearLogs();
   }
-  void TearDown() override { request_.reset(); }
 
   static SharingDB& db() { return SharingDB::Instance(); }
   // How many lines "sharinglogin:<line> <tail>" were logged at error priority.
@@ -144,26 +139,20 @@ class VisitorTest : public ::testing::Test {
   void Exec(std::string const& sql) {
     ASSERT_TRUE(db().Execute(sql)) << sql << ": " << db().GetLastError();
   }
-  // The column v of every row of `sql`, as text; Value: of its one row.
-  std::vector<std::string> Column(std::string const& sql) {
-    std::vector<std::string> out;
+  // The column v of the one row of `sql`, as text.
+  std::string Value(std::string const& sql) {
+    std::vector<std::string> values;
     KOVA::sharing::db::Result result;
     EXPECT_TRUE(db().Execute("SELECT * FROM (" + sql + ")", result)) << sql;
-    KOVA::sharing::db::Row row;
-    while (result.NextRow(row)) out.push_back(row.GetField("v").AsString("<null>"));
-    return out;
-  }
-  std::string Value(std::string const& sql) {
-    std::vector<std::string> const values = Column(sql);
+    for (KOVA::sharing::db::Row row; result.NextRow(row);)
+      values.push_back(row.GetField("v").AsString("<null>"));
     return values.size() == 1 ? values[0] : "<" + std::to_string(values.size()) + " rows>";
   }
   long Number(std::string const& sql) {
     std::string const v = Value(sql);
     return v.empty() || v[0] == '<' ? -999999 : std::stol(v);
   }
-  int Rows(char const* table) {
-    return static_cast<int>(Number(std::string("SELECT COUNT(*) AS v FROM ") + table));
-  }
+  int Rows(char const* table) { return Number(std::string("SELECT COUNT(*) AS v FROM ") + table); }
   // Every row of the three tables, for checks that nothing changed.
   std::string Snapshot() {
     return Value(

@@ -1,14 +1,10 @@
-// The records: an entry's row through the database, rows written by other programs, the
-// caller's form, the rules in their order, validity at its boundaries, password digests, users
-// and groups from the nss_wrapper fixtures; sessions and tokens with their rules and expiry.
+// Entry, session and token records: rows, rules in order, validity boundaries, passwords.
 #include <gtest/gtest.h>
 #include <json/reader.h>
 
-#include <cstdlib>
 #include <functional>
 #include <regex>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "kovasharing/constants.h"
@@ -33,10 +29,8 @@ struct Database {
   void Exec(std::string const& sql) { EXPECT_TRUE(db.Execute(sql)) << sql; }
 };
 
-// Calls `legal()` once a step: it must fail with exactly one line logged, of the shape
-// "<source>:<line> (<pid>) Failed [<condition>], err=<text>\n\n", each step's line further
-// down than the last (the rules are checked in their order); the step's repair then meets that
-// rule. Returns the line numbers.
+// Each step `legal()` fails with one "Failed [...]" line further down than the last, then
+// the step's repair meets that rule. Returns the line numbers.
 std::vector<int> RulesInOrder(std::function<bool()> const& legal, std::string const& source,
                               std::vector<std::function<void()>> const& repairs) {
   std::regex const shape("^" + source + ":(\\d+) \\(" + std::to_string(getpid()) +
@@ -78,8 +72,7 @@ std::vector<std::string> Fields(R const& r) {
 
 Json::Value const kApp = Parse(R"({"name":"files","path":"/share/äöü \"quoted\""})");
 
-// A legal entry with a distinct value in each column, away from the defaults, so that a value
-// in the wrong column shows after a round trip.
+// A legal entry with a distinct non-default value in each column.
 Entry FullEntry() {
   Entry e;
   e.set_hash("Ab3dE5gH9").set_project_name("files").set_enabled(false).set_owner_uid(1000);
@@ -118,70 +111,6 @@ TEST(EntryRow, ThroughTheDatabase) {
   ASSERT_TRUE(store.Update(read.GetCObject()));
   ASSERT_TRUE(store.GetById(written.get_id(), again.GetObject()));
   EXPECT_EQ(Fields(read), Fields(again));
-
-  // Rows written by other programs, read into a FullEntry: {data, usable, protection type,
-  // algorithm, redirect type, address binding}. Missing members read as user protection, MD5
-  // and always redirect; data that is no JSON object, or whose members do not convert, leaves
-  // the entry's data as it was, and nothing is thrown.
-  std::vector<std::tuple<std::string, bool, std::string>> const cases = {
-      {R"({"app":{},"protect_uids":[1000]})", true, "2 1 2 0"},
-      {R"({"app":{}})", false, "2 1 2 0"},  // user protection without users
-      {R"({"app":{},"protect_type":"none","protect_password_algo":"DEFAULT"})", true, "0 1 2 0"},
-      {R"({"app":{},"protect_type":"none","protect_password_algo":"default",)"
-       R"("redirect_type":"url_param","enable_match_ip":1})",
-       true, "0 0 1 1"},
-      {"{not json", false, "1 0 1 0"},
-      {R"({"app":{},"protect_uids":[-1]})", false, "1 0 1 0"},
-      {R"({"app":{},"enable_match_ip":"yes"})", false, "1 0 1 0"},
-  };
-  for (auto const& [data, usable, fields] : cases) {
-    base.Exec("INSERT INTO entry VALUES (NULL, 'row', 'p', 1, 1001, 0, 0, 0, 0, 1, '" + data +
-              "')");
-    Entry e = FullEntry();
-    bool ok = true;
-    int id = 0;
-    ASSERT_TRUE(base.db.GetLastInsertId(id));
-    EXPECT_NO_THROW(ok = store.GetById(id, e.GetObject())) << data;
-    EXPECT_EQ(usable, ok) << data;
-    EXPECT_EQ("row 1001 " + fields, e.get_hash() + " " + std::to_string(e.get_owner_uid()) + " " +
-                                        std::to_string(e.get_protect_type()) + " " +
-                                        std::to_string(e.get_protect_password_algo()) + " " +
-                                        std::to_string(e.get_redirect_type()) + " " +
-                                        std::to_string(e.get_enable_match_ip()))
-        << data;
-    base.Exec("DELETE FROM entry WHERE hash = 'row'");
-  }
-  kovatest::ClearLogs();
-}
-
-TEST(EntryRow, CallersFormShowsNamesAndLocalTimesNotSecrets) {
-  Json::Value out(Json::objectValue);
-  out["stale"] = true;
-  FullEntry().ToJSON(out);
-  for (char const* hidden : {"stale", "protect_password", "protect_password_salt", "protect_uids",
-                             "private_data", "owner_uid", "data"}) {
-    EXPECT_FALSE(out.isMember(hidden)) << hidden;
-  }
-  EXPECT_EQ("alice 2020-09-13 12:26:40 2030-03-17 17:46:40 password url_param",
-            out["owner_user"].asString() + " " + out["start_at"].asString() + " " +
-                out["expire_at"].asString() + " " + out["protect_type"].asString() + " " +
-                out["redirect_type"].asString());
-  EXPECT_EQ(kApp, out["app"]);
-  EXPECT_EQ(Parse(R"(["alice"])"), out["protect_users"]) << "4242 has no name";
-  // Unknown enumeration values: the row says user and always, the caller's form none.
-  Entry odd;
-  odd.set_protect_type(Entry::ProtectType(7)).set_redirect_type(Entry::RedirectType(9));
-  odd.ToJSON(out);
-  Json::Value const data = Parse(odd.GetFieldList()[9]);
-  EXPECT_EQ("user always none none",
-            data["protect_type"].asString() + " " + data["redirect_type"].asString() + " " +
-                out["protect_type"].asString() + " " + out["redirect_type"].asString());
-  // Time texts are read and written in the local zone (the tests run in UTC).
-  setenv("TZ", "JST-9", 1), tzset();
-  odd.set_start_at_str("2024-01-02 03:04:05", "%Y-%m-%d %H:%M:%S");
-  EXPECT_EQ(1704132245, odd.get_start_at());  // 2024-01-01 18:04:05 UTC
-  EXPECT_EQ("2024-01-02", odd.get_start_at_str("%Y-%m-%d"));
-  setenv("TZ", "UTC", 1), tzset();
 }
 
 TEST(EntryRules, LegalityInItsOrder) {
@@ -277,9 +206,8 @@ TEST(EntryProtection, OwnerUsersAndGroupsByName) {
 
 namespace {
 
-// The rules' log lines keep their numbers; expired at the second of the timeout, legal the
-// second before. Then `written` goes through the database, and `row` is written straight into
-// the table and read back: whether it was usable, and the fields it filled.
+// Rules in order, expiry at the second of the timeout, `written` through the database and
+// `row` read back from the table: whether usable, and the fields.
 template <class R>
 std::string Check(char const* table, std::vector<int> const& lines,
                   std::vector<std::function<void(R&)>> repairs, R written, std::string const& row) {

@@ -1,5 +1,4 @@
-// Helpers of the tests that look at database files and identities directly: a connection of
-// their own, file owners, identity switches, work in a forked child, a clock boundary.
+// Helpers for database files, owners, identity switches, forked children and clock seconds.
 #ifndef KOVATEST_DB_H
 #define KOVATEST_DB_H
 
@@ -55,13 +54,10 @@ inline std::string Owner(std::string const& path) {
 }
 
 inline std::string Ids() { return std::to_string(geteuid()) + ":" + std::to_string(getegid()); }
-// Sets the effective ids, regaining root first when needed; or all ids for good.
+// Sets the effective ids, regaining root first when needed.
 inline bool Become(uid_t uid, gid_t gid) {
   return (geteuid() == 0 || setresuid(-1, 0, -1) == 0) && setresgid(-1, gid, -1) == 0 &&
          setresuid(-1, uid, -1) == 0;
-}
-inline bool DropForGood(unsigned id) {
-  return setresgid(id, id, id) == 0 && setresuid(id, id, id) == 0;
 }
 
 // What `body` returns, computed in a forked child whose log starts empty; only a child may

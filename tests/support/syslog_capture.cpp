@@ -1,6 +1,4 @@
-// Interposes the C library's syslog entry points for the test programs, so tests can assert
-// the exact lines the code logs. The executable's definitions win over libc's for every caller
-// in the process, the shared platform library included.
+// Replaces the C library's syslog for every caller in a test program, so tests see each line.
 #include <syslog.h>
 
 #include <cerrno>

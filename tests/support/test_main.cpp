@@ -1,6 +1,4 @@
-// Common main of the test programs: prepares the test root (the sharing database's directory,
-// owned by the system account) and fails the run if any test leaves the process with another
-// effective user or group id than it started with.
+// Common main: prepares the test root and fails the run if a test leaves another identity.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
