@@ -154,7 +154,7 @@ class Faults : public VisitorTest {
   void SetUp() override {
     VisitorTest::SetUp();
     hash_ = MakeEntry();
-    ASSERT_EQ(1, Login(sid_, hash_.c_str()));
+    ASSERT_EQ(KOVA_LOGIN_OK, Login(sid_, hash_.c_str()));
     ids_ = kovatest::Ids();
   }
   // After a failed call: identity restored, database intact and as before.

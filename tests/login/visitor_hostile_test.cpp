@@ -10,8 +10,9 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
   std::string const pass = PasswordEntry("pw");
   std::string const user = UserEntry({"alice"});
   std::string live, same, out;
-  ASSERT_EQ(1, Login(live, open.c_str()));
-  ASSERT_EQ(1, Login(same, user.c_str(), nullptr, "alice", "alice-secret", live.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(live, open.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK,
+            Login(same, user.c_str(), nullptr, "alice", "alice-secret", live.c_str()));
   std::string const before = Snapshot();
   std::string binary;
   for (int c = 1; c < 256; ++c) binary += static_cast<char>(c);
@@ -20,16 +21,18 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
     SCOPED_TRACE(junk.substr(0, 40));
     char const* j = junk.c_str();
     // As the hash: no such link, no counted failure.
-    EXPECT_EQ(-3, Login(out, j, j, j, j, j));
-    EXPECT_EQ(-7, Check(j, live.c_str(), j, j));
+    EXPECT_EQ(KOVA_LOGIN_NO_LINK, Login(out, j, j, j, j, j));
+    EXPECT_EQ(KOVA_CHECK_NO_ACCESS, Check(j, live.c_str(), j, j));
     EXPECT_EQ(0, KovaSharingIncreaseUseCount(j));
     // As the password a wrong guess, as the account or its password a refused login.
-    EXPECT_EQ(-9, Login(out, pass.c_str(), j));
-    EXPECT_EQ(-2, Login(out, user.c_str(), nullptr, j, "alice-secret", nullptr, true));
-    EXPECT_EQ(-2, Login(out, user.c_str(), nullptr, "alice", j, nullptr, true));
+    EXPECT_EQ(KOVA_LOGIN_WRONG_PASSWORD, Login(out, pass.c_str(), j));
+    EXPECT_EQ(KOVA_LOGIN_ACCOUNT_REFUSED,
+              Login(out, user.c_str(), nullptr, j, "alice-secret", nullptr, true));
+    EXPECT_EQ(KOVA_LOGIN_ACCOUNT_REFUSED,
+              Login(out, user.c_str(), nullptr, "alice", j, nullptr, true));
     EXPECT_EQ(3, kovatest::FailCount(kAddr));
-    EXPECT_EQ(-2, Check(user.c_str(), live.c_str(), j, j));
-    EXPECT_EQ(-5, Check(open.c_str(), j));  // as the session id: unknown
+    EXPECT_EQ(KOVA_CHECK_ACCOUNT_REFUSED, Check(user.c_str(), live.c_str(), j, j));
+    EXPECT_EQ(KOVA_CHECK_NO_SESSION, Check(open.c_str(), j));  // as the session id: unknown
     ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(kAddr));
     EXPECT_EQ(before, Snapshot());
   }
@@ -39,9 +42,9 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
                            static_cast<char const*>(nullptr)}) {
     SCOPED_TRACE(addr ? std::string(addr).substr(0, 40) : "(unset)");
     addr ? request().Set("REMOTE_ADDR", addr) : request().Unset("REMOTE_ADDR");
-    EXPECT_EQ(-4, Login(out, open.c_str()));
-    EXPECT_EQ(-4, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
-    EXPECT_EQ(-4, Check(user.c_str(), live.c_str()));
+    EXPECT_EQ(KOVA_LOGIN_INTERNAL, Login(out, open.c_str()));
+    EXPECT_EQ(KOVA_LOGIN_INTERNAL, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
+    EXPECT_EQ(KOVA_CHECK_INTERNAL, Check(user.c_str(), live.c_str()));
   }
   request().Set("REMOTE_ADDR", kAddr);
   EXPECT_EQ(before, Snapshot());
@@ -52,15 +55,16 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
   // reads the request.
   for (long declared : {static_cast<long>(KOVA_CGI_MAX_BODY) + 1, 4096L}) {
     request().Post("_sid=x", declared);
-    EXPECT_EQ(-3, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
-    EXPECT_EQ(-2, Check(user.c_str(), live.c_str()));
-    EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, live.c_str(), true));
+    EXPECT_EQ(KOVA_LOGIN_NO_LINK, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
+    EXPECT_EQ(KOVA_CHECK_ACCOUNT_REFUSED, Check(user.c_str(), live.c_str()));
+    EXPECT_EQ(KOVA_LOGIN_OK,
+              Login(out, open.c_str(), nullptr, nullptr, nullptr, live.c_str(), true));
   }
   EXPECT_EQ(2, kovatest::FailCount(kAddr));
   request().Post("_sid=fine", 9);
-  EXPECT_EQ(1, Check(user.c_str(), live.c_str()));
+  EXPECT_EQ(KOVA_CHECK_OK, Check(user.c_str(), live.c_str()));
   // A junk session id at a login is ignored: a new session, the junk never stored.
-  EXPECT_EQ(1, Login(out, open.c_str(), nullptr, nullptr, nullptr, "' OR '1'='1"));
+  EXPECT_EQ(KOVA_LOGIN_OK, Login(out, open.c_str(), nullptr, nullptr, nullptr, "' OR '1'='1"));
   EXPECT_EQ("0", Value("SELECT COUNT(*) AS v FROM session WHERE length(session_id) != 32"));
   EXPECT_EQ(2, Rows("session"));
   EXPECT_EQ("ok", Integrity());
@@ -77,14 +81,14 @@ TEST_F(VisitorTest, StoreFailuresAfterTheChecks) {
     Exec("DROP TRIGGER refuse");
     return code;
   };
-  EXPECT_EQ(-4, refused("BEFORE UPDATE ON session", nullptr));
+  EXPECT_EQ(KOVA_LOGIN_INTERNAL, refused("BEFORE UPDATE ON session", nullptr));
   EXPECT_TRUE(sid.empty());
   EXPECT_EQ(0, Rows("token"));
   EXPECT_EQ(1, UseCount(hash)) << "the use was counted before";
-  ASSERT_EQ(1, Login(first, hash.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(first, hash.c_str()));
   Exec("UPDATE token SET timeout = strftime('%s', 'now') - 10");
   std::string const expired = Value("SELECT id || '|' || timeout AS v FROM token");
-  EXPECT_EQ(-4, refused("BEFORE INSERT ON token", first.c_str()));
+  EXPECT_EQ(KOVA_LOGIN_INTERNAL, refused("BEFORE INSERT ON token", first.c_str()));
   EXPECT_EQ(expired, Value("SELECT id || '|' || timeout AS v FROM token"));
   EXPECT_EQ("ok", Integrity());
 }

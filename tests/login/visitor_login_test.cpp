@@ -13,9 +13,9 @@ using kovatest::FailCount;
 
 TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
   std::string sid = "untouched";
-  EXPECT_EQ(-4, KOVA::KovaSharingLogin(sid, nullptr, false));
+  EXPECT_EQ(KOVA_LOGIN_INTERNAL, KOVA::KovaSharingLogin(sid, nullptr, false));
   EXPECT_EQ("untouched", sid);
-  EXPECT_EQ(-4, Login(sid, nullptr));
+  EXPECT_EQ(KOVA_LOGIN_INTERNAL, Login(sid, nullptr));
   std::string const pass = PasswordEntry("s3cret");
   std::string const md5 = PasswordEntry("md5-pw", Entry::ENCRYPT_ALGO_MD5);
   std::string const user = UserEntry({"bob"}, {"editors"});  // editors: alice, Dave, carol
@@ -27,28 +27,30 @@ TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
     int code, failures;  // failures counted for the address so far
   } const cases[] = {
       // Unknown or invalid links: -3, no guess.
-      {"nosuchhash", "s3cret", nullptr, nullptr, false, -3, 0},
-      {MakeEntry([](Entry& e) { e.set_enabled(false); }), "x", nullptr, nullptr, false, -3, 0},
+      {"nosuchhash", "s3cret", nullptr, nullptr, false, KOVA_LOGIN_NO_LINK, 0},
+      {MakeEntry([](Entry& e) { e.set_enabled(false); }), "x", nullptr, nullptr, false,
+       KOVA_LOGIN_NO_LINK, 0},
       {MakeEntry([](Entry& e) { e.set_start_at(time(nullptr) + 3600); }), "x", nullptr, nullptr,
        false, -3, 0},
       {MakeEntry([](Entry& e) { e.set_expire_at(time(nullptr) - 2); }), "x", nullptr, nullptr,
        false, -3, 0},
       // Passwords: none at all (-3) and wrong ones (-9) are guesses; a quiet success keeps them.
-      {pass, nullptr, nullptr, nullptr, false, -3, 1},
-      {pass, "S3CRET", nullptr, nullptr, false, -9, 2},
-      {md5, "s3cret", nullptr, nullptr, false, -9, 3},
-      {pass, "s3cret", nullptr, nullptr, true, 1, 3},
+      {pass, nullptr, nullptr, nullptr, false, KOVA_LOGIN_NO_LINK, 1},
+      {pass, "S3CRET", nullptr, nullptr, false, KOVA_LOGIN_WRONG_PASSWORD, 2},
+      {md5, "s3cret", nullptr, nullptr, false, KOVA_LOGIN_WRONG_PASSWORD, 3},
+      {pass, "s3cret", nullptr, nullptr, true, KOVA_LOGIN_OK, 3},
       // Accounts: outside the link -10 (counted unless quiet), a refused account login -2
       // (counted even quiet; erin may not use this service), no account name -3.
-      {user, nullptr, "gus", "gus-secret", true, -10, 3},
-      {user, nullptr, "gus", "gus-secret", false, -10, 4},
-      {user, nullptr, "alice", "wrong", true, -2, 5},
-      {user, nullptr, "erin", "erin-secret", false, -2, 6},
-      {user, "alice-secret", nullptr, "alice-secret", false, -3, 7},
-      {user, nullptr, "alice", "alice-secret", true, 1, 7},
-      {user, nullptr, "Dave", "dave-secret", true, 1, 7},
-      {primary, nullptr, "gus", "gus-secret", true, 1, 7},
-      {md5, "md5-pw", nullptr, nullptr, false, 1, 0},  // a plain success clears the count
+      {user, nullptr, "gus", "gus-secret", true, KOVA_LOGIN_NOT_ADMITTED, 3},
+      {user, nullptr, "gus", "gus-secret", false, KOVA_LOGIN_NOT_ADMITTED, 4},
+      {user, nullptr, "alice", "wrong", true, KOVA_LOGIN_ACCOUNT_REFUSED, 5},
+      {user, nullptr, "erin", "erin-secret", false, KOVA_LOGIN_ACCOUNT_REFUSED, 6},
+      {user, "alice-secret", nullptr, "alice-secret", false, KOVA_LOGIN_NO_LINK, 7},
+      {user, nullptr, "alice", "alice-secret", true, KOVA_LOGIN_OK, 7},
+      {user, nullptr, "Dave", "dave-secret", true, KOVA_LOGIN_OK, 7},
+      {primary, nullptr, "gus", "gus-secret", true, KOVA_LOGIN_OK, 7},
+      {md5, "md5-pw", nullptr, nullptr, false, KOVA_LOGIN_OK,
+       0},  // a plain success clears the count
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(std::to_string(&c - cases) + ": " + c.hash);
@@ -68,22 +70,23 @@ TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
   // count past the limit makes the link invalid (-3); without a limit any count goes.
   std::string const where = " WHERE hash = '" + pass + "'";
   Exec("UPDATE entry SET expire_times = 3, use_count = 2" + where);
-  EXPECT_EQ(1, Login(sid, pass.c_str(), "s3cret"));
-  EXPECT_EQ(-11, Login(sid, pass.c_str(), "wrong"));
+  EXPECT_EQ(KOVA_LOGIN_OK, Login(sid, pass.c_str(), "s3cret"));
+  EXPECT_EQ(KOVA_LOGIN_USED_UP, Login(sid, pass.c_str(), "wrong"));
   EXPECT_EQ(3, UseCount(pass));
   Exec("UPDATE entry SET use_count = 4" + where);
-  EXPECT_EQ(-3, Login(sid, pass.c_str(), "s3cret"));
+  EXPECT_EQ(KOVA_LOGIN_NO_LINK, Login(sid, pass.c_str(), "s3cret"));
   Exec("UPDATE entry SET expire_times = 0" + where);
-  EXPECT_EQ(1, Login(sid, pass.c_str(), "s3cret"));
+  EXPECT_EQ(KOVA_LOGIN_OK, Login(sid, pass.c_str(), "s3cret"));
   EXPECT_EQ(5, UseCount(pass));
   EXPECT_EQ(0, FailCount(kAddr));
 
   // The front end's session id travels as "_sid" and must be usable as a cookie.
   request().Set("QUERY_STRING", "_sid=a%3Bb%0D%0ASet-Cookie:%20x=y");
-  EXPECT_EQ(-3, Login(sid, user.c_str(), nullptr, "alice", "alice-secret"));
+  EXPECT_EQ(KOVA_LOGIN_NO_LINK, Login(sid, user.c_str(), nullptr, "alice", "alice-secret"));
   EXPECT_EQ(1, FailCount(kAddr));
   request().Set("QUERY_STRING", "_sid=");  // empty: no cookie is set
-  EXPECT_EQ(1, Login(sid, user.c_str(), nullptr, "alice", "alice-secret", nullptr, true));
+  EXPECT_EQ(KOVA_LOGIN_OK,
+            Login(sid, user.c_str(), nullptr, "alice", "alice-secret", nullptr, true));
 }
 
 TEST_F(VisitorTest, BlockedAddressIsRefusedFirst) {
@@ -95,19 +98,21 @@ TEST_F(VisitorTest, BlockedAddressIsRefusedFirst) {
               for (int i = 0; i < 5; ++i) failed += AutoBlockFailLoginSet(kAddr, "SHARING") != 0;
               return failed;
             }));
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(-9, Login(sid, hash.c_str(), "wrong"));
+  for (int i = 0; i < 5; ++i)
+    EXPECT_EQ(KOVA_LOGIN_WRONG_PASSWORD, Login(sid, hash.c_str(), "wrong"));
   kovatest::ClearLogs();
   std::string const before = Snapshot();
-  EXPECT_EQ(-8, Login(sid, hash.c_str(), "s3cret"));  // the eleventh attempt, right or not
-  EXPECT_EQ(-8, Login(sid, "nosuchhash"));            // before the link is looked at
+  EXPECT_EQ(KOVA_LOGIN_BLOCKED,
+            Login(sid, hash.c_str(), "s3cret"));            // the eleventh attempt, right or not
+  EXPECT_EQ(KOVA_LOGIN_BLOCKED, Login(sid, "nosuchhash"));  // before the link is looked at
   EXPECT_EQ(10, FailCount(kAddr)) << "a refused address is not counted again";
   EXPECT_EQ(before, Snapshot());
   EXPECT_EQ(2, Logged("KovaAutoBlockIsDeniedIP 192\\.0\\.2\\.10"));
   // Another address still gets in; its success does not clear the blocked one.
   request().Set("REMOTE_ADDR", kOtherAddr);
-  EXPECT_EQ(1, Login(sid, hash.c_str(), "s3cret"));
+  EXPECT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str(), "s3cret"));
   request().Set("REMOTE_ADDR", kAddr);
-  EXPECT_EQ(-8, Login(sid, hash.c_str(), "s3cret"));
+  EXPECT_EQ(KOVA_LOGIN_BLOCKED, Login(sid, hash.c_str(), "s3cret"));
 }
 
 // A known session id reuses session and token for a day more; an unknown or expired one not.
@@ -115,22 +120,24 @@ TEST_F(VisitorTest, SessionIdAtALogin) {
   std::string const hash = MakeEntry();
   std::string const user = UserEntry({"alice"});
   std::string first, sid, fresh;
-  ASSERT_EQ(1, Login(first, user.c_str(), nullptr, "alice", "alice-secret"));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(first, user.c_str(), nullptr, "alice", "alice-secret"));
   Exec("UPDATE session SET timeout = strftime('%s', 'now') + 100");
   Exec("UPDATE token SET timeout = strftime('%s', 'now') + 100");
   std::string const token_id = Value("SELECT id AS v FROM token");
   request().Set("REMOTE_ADDR", kOtherAddr);  // the address follows the visitor
-  ASSERT_EQ(1, Login(sid, user.c_str(), nullptr, "alice", "alice-secret", first.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK,
+            Login(sid, user.c_str(), nullptr, "alice", "alice-secret", first.c_str()));
   EXPECT_EQ(first, sid);
   EXPECT_EQ(token_id, Value("SELECT id AS v FROM token"));
   EXPECT_EQ(kOtherAddr, SessionField(first, "ip"));
   ExpectOneDayAhead(std::stol(SessionField(first, "timeout")));
   ExpectOneDayAhead(Number("SELECT timeout AS v FROM token"));
   // At another link: a second token, no second session. An unknown id: a new session.
-  ASSERT_EQ(1, Login(sid, hash.c_str(), nullptr, nullptr, nullptr, first.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str(), nullptr, nullptr, nullptr, first.c_str()));
   EXPECT_EQ(first, sid);
   EXPECT_EQ(3, Rows("session") + Rows("token"));
-  ASSERT_EQ(1, Login(fresh, hash.c_str(), nullptr, nullptr, nullptr, "no-such-session"));
+  ASSERT_EQ(KOVA_LOGIN_OK,
+            Login(fresh, hash.c_str(), nullptr, nullptr, nullptr, "no-such-session"));
   EXPECT_NE(first, fresh);
 
   // alice's session expired: it stays untouched until a purge, and nothing of it (her account,
@@ -139,12 +146,12 @@ TEST_F(VisitorTest, SessionIdAtALogin) {
   std::string const row = "SELECT id || uid || ip || timeout AS v FROM session" + of_first;
   Exec("UPDATE session SET timeout = strftime('%s', 'now') - 10, ip = '203.0.113.99'" + of_first);
   std::string const old_row = Value(row);
-  ASSERT_EQ(1, Login(sid, hash.c_str(), nullptr, nullptr, nullptr, first.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str(), nullptr, nullptr, nullptr, first.c_str()));
   EXPECT_NE(first, sid);
   EXPECT_EQ(old_row, Value(row));
   EXPECT_EQ(SessionField(fresh, "uid"), SessionField(sid, "uid"));
   EXPECT_EQ(kOtherAddr, SessionField(sid, "ip"));
-  EXPECT_EQ(-5, Check(hash.c_str(), first.c_str()));
+  EXPECT_EQ(KOVA_CHECK_NO_SESSION, Check(hash.c_str(), first.c_str()));
 }
 
 TEST_F(VisitorTest, AuthorizationCheckCodes) {
@@ -152,22 +159,25 @@ TEST_F(VisitorTest, AuthorizationCheckCodes) {
   std::string const user = UserEntry({"alice", "bob"});
   std::string const loose = MakeEntry([](Entry& e) { e.set_enable_match_ip(false); });
   std::string sid, same;
-  ASSERT_EQ(1, Login(sid, hash.c_str()));
-  ASSERT_EQ(1, Login(same, user.c_str(), nullptr, "alice", "alice-secret", sid.c_str()));
-  ASSERT_EQ(1, Login(same, loose.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK,
+            Login(same, user.c_str(), nullptr, "alice", "alice-secret", sid.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(same, loose.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
   Exec("UPDATE session SET timeout = strftime('%s', 'now') + 50");
   Exec("UPDATE token SET timeout = strftime('%s', 'now') + 50");
-  EXPECT_EQ(1, Check(hash.c_str(), sid.c_str()));  // extends the session and its token a day
+  EXPECT_EQ(KOVA_CHECK_OK,
+            Check(hash.c_str(), sid.c_str()));  // extends the session and its token a day
   ExpectOneDayAhead(std::stol(SessionField(sid, "timeout")));
   ExpectOneDayAhead(Number("SELECT max(timeout) AS v FROM token"));
   // A user link checks the account that logged in again, or logs the one named in; a refusal
   // is -2, never a counted failure.
-  EXPECT_EQ(1, Check(user.c_str(), sid.c_str()));
-  EXPECT_EQ(-2, Check(user.c_str(), sid.c_str(), "gus", "gus-secret"));
+  EXPECT_EQ(KOVA_CHECK_OK, Check(user.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_ACCOUNT_REFUSED, Check(user.c_str(), sid.c_str(), "gus", "gus-secret"));
   EXPECT_EQ(0, FailCount(kAddr));
-  EXPECT_EQ(-4, Check(hash.c_str(), nullptr));  // not -5
-  EXPECT_EQ(-5, Check(hash.c_str(), "no-such-session"));
-  EXPECT_EQ(-7, Check(MakeEntry().c_str(), sid.c_str())) << "no token for that link";
+  EXPECT_EQ(KOVA_CHECK_INTERNAL, Check(hash.c_str(), nullptr));  // not -5
+  EXPECT_EQ(KOVA_CHECK_NO_SESSION, Check(hash.c_str(), "no-such-session"));
+  EXPECT_EQ(KOVA_CHECK_NO_ACCESS, Check(MakeEntry().c_str(), sid.c_str()))
+      << "no token for that link";
   // The session's address: canonical texts compared, a prefix is no match; a link without
   // matching is used from anywhere, the session's address kept.
   for (char const* addr : {"not an address", kOtherAddr, "192.0.2.1", "2001:db8::1"}) {
@@ -177,14 +187,14 @@ TEST_F(VisitorTest, AuthorizationCheckCodes) {
   }
   EXPECT_EQ(1, Logged("ip not match, 192\\.0\\.2\\.20, 192\\.0\\.2\\.10"));
   EXPECT_EQ(kAddr, SessionField(sid, "ip"));
-  ASSERT_EQ(1, Login(same, hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(same, hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
   request().Set("REMOTE_ADDR", "2001:DB8:0::0:1");
-  EXPECT_EQ(1, Check(hash.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_OK, Check(hash.c_str(), sid.c_str()));
   // A session whose account no longer exists; a link disabled after the login.
   Exec("UPDATE session SET uid = 4242");
-  EXPECT_EQ(-2, Check(user.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_ACCOUNT_REFUSED, Check(user.c_str(), sid.c_str()));
   Exec("UPDATE entry SET enabled = 0");
-  EXPECT_EQ(-6, Check(hash.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_LINK_INVALID, Check(hash.c_str(), sid.c_str()));
 }
 
 // Logout, use counting and the plain-linkage forms: their buffers, null texts and quiet flag.
@@ -212,15 +222,15 @@ TEST_F(VisitorTest, LogoutUseCountAndPlainForms) {
   // quiet is true only as 1: 2 counts an outsider like 0 does (the wrong password counted 1).
   std::string const user = UserEntry({"alice"});
   _tag_sharing_login_params outsider = {user.c_str(), nullptr, "bob", "bob-secret", nullptr};
-  EXPECT_EQ(-10, KovaSharingLogin(buf, sizeof buf, &outsider, 1));
+  EXPECT_EQ(KOVA_LOGIN_NOT_ADMITTED, KovaSharingLogin(buf, sizeof buf, &outsider, 1));
   EXPECT_EQ(1, FailCount(kAddr));
-  EXPECT_EQ(-10, KovaSharingLogin(buf, sizeof buf, &outsider, 2));
+  EXPECT_EQ(KOVA_LOGIN_NOT_ADMITTED, KovaSharingLogin(buf, sizeof buf, &outsider, 2));
   EXPECT_EQ(2, FailCount(kAddr));
 
-  ASSERT_EQ(1, Login(same, b.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(same, b.c_str(), nullptr, nullptr, nullptr, sid.c_str()));
   EXPECT_EQ(1, KOVA::KovaSharingLogout(a, sid));
-  EXPECT_EQ(-7, Check(a.c_str(), sid.c_str()));
-  EXPECT_EQ(1, Check(b.c_str(), sid.c_str())) << "the session is kept for other links";
+  EXPECT_EQ(KOVA_CHECK_NO_ACCESS, Check(a.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_OK, Check(b.c_str(), sid.c_str())) << "the session is kept for other links";
   EXPECT_EQ(0, KovaSharingLogout(a.c_str(), sid.c_str()));
   EXPECT_EQ(1, Logged("get token failed"));
   // Use counting raises by one per call, past any limit: the login compares, not the count.

@@ -83,7 +83,8 @@ TEST_F(VisitorTest, AdministratorChangesSurviveConcurrentLogins) {
       EXPECT_EQ(disable ? 3 : 9, status);  // the refusal the old password gets afterwards
     }
     std::string sid;
-    EXPECT_EQ(disable ? -3 : -9, Login(sid, hash.c_str(), "old", nullptr, nullptr, nullptr, true));
+    EXPECT_EQ(disable ? KOVA_LOGIN_NO_LINK : KOVA_LOGIN_WRONG_PASSWORD,
+              Login(sid, hash.c_str(), "old", nullptr, nullptr, nullptr, true));
   }
 }
 
@@ -124,13 +125,13 @@ TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
     SCOPED_TRACE("removal " + std::to_string(&remove - removals.data()));
     std::string sid;
     std::string const first = MakeEntry();
-    ASSERT_EQ(1, Login(sid, first.c_str()));
+    ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, first.c_str()));
     Entry const gone = Load(first);
     remove(gone, sid);
     EXPECT_EQ(0, Rows("token"));
     std::string const next = MakeEntry();
     EXPECT_GT(Load(next).get_id(), gone.get_id());
-    EXPECT_NE(1, Check(next.c_str(), sid.c_str()));
+    EXPECT_NE(KOVA_CHECK_OK, Check(next.c_str(), sid.c_str()));
     Exec("DELETE FROM entry");
   }
 }
@@ -139,7 +140,7 @@ TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
 TEST_F(VisitorTest, BrokenTablesAreInternalFailures) {
   std::string sid;
   std::string const hash = PasswordEntry("pw");
-  ASSERT_EQ(1, Login(sid, hash.c_str(), "pw"));
+  ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str(), "pw"));
   char const* const breakages[][2] = {
       {"entry", "SELECT * FROM entry_kept WHERE abs(-9223372036854775807 - 1)"},
       {"session", "SELECT * FROM session_kept WHERE abs(-9223372036854775807 - 1)"},
@@ -151,13 +152,13 @@ TEST_F(VisitorTest, BrokenTablesAreInternalFailures) {
     Exec("ALTER TABLE " + table + " RENAME TO " + table + "_kept");
     Exec("CREATE VIEW " + table + " AS " + b[1]);
     std::string out;
-    EXPECT_EQ(-4, Login(out, hash.c_str(), "pw", nullptr, nullptr, sid.c_str()));
-    EXPECT_EQ(-4, Check(hash.c_str(), sid.c_str()));
+    EXPECT_EQ(KOVA_LOGIN_INTERNAL, Login(out, hash.c_str(), "pw", nullptr, nullptr, sid.c_str()));
+    EXPECT_EQ(KOVA_CHECK_INTERNAL, Check(hash.c_str(), sid.c_str()));
     EXPECT_EQ(0, KovaSharingLogout(hash.c_str(), sid.c_str()));
     Exec("DROP VIEW " + table);
     Exec("ALTER TABLE " + table + "_kept RENAME TO " + table);
   }
-  EXPECT_EQ(1, Check(hash.c_str(), sid.c_str()));
+  EXPECT_EQ(KOVA_CHECK_OK, Check(hash.c_str(), sid.c_str()));
 
   // A damaged page of the entry table, read by a new process: the right password gets an
   // internal failure, not a refusal. The file is put back afterwards.
