@@ -80,7 +80,7 @@ class CliTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(db().IsGood());
-    for (char const* table : {"token", "session", "entry"})
+    for (char const* table : {"token", "session", "entry", "visit"})
       ASSERT_TRUE(db().Execute(std::string("DELETE FROM ") + table));
   }
   static SharingDB& db() { return SharingDB::Instance(); }
@@ -107,6 +107,9 @@ class CliTest : public ::testing::Test {
     EXPECT_EQ(0, run.status) << run.err;
     EXPECT_EQ(10u, run.out.size()) << run.out;  // the hash and a line break
     return run.out.substr(0, run.out.find('\n'));
+  }
+  static std::string Column(char const* column, std::string const& hash) {
+    return Value(std::string("SELECT ") + column + " AS v FROM entry WHERE hash = '" + hash + "'");
   }
   static std::string Create(Strings args, char const* owner = "alice", char const* project = "p",
                             std::string const& input = "") {
@@ -144,7 +147,11 @@ class CliTest : public ::testing::Test {
 };
 
 TEST_F(CliTest, CreatesEachKindOfProtection) {
-  // No protection, with every other field given.
+  // No protection, with every other field given; --app from a file, --private-data from
+  // standard input.
+  kovatest::TempDir dir;
+  kovatest::WriteFile(dir.File("app.json"), R"({"path":"/a"})");
+  std::string const app = "@" + dir.File("app.json");
   Fields const fields = {
       {"--project", "photos", "project_name", "photos"},
       {"--owner", "bob", "owner_user", "bob"},
@@ -154,15 +161,17 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
       {"--match-ip", "no", "enable_match_ip", "false"},
       {"--redirect", "always", "redirect_type", "always"},
       {"--redirect-uri", "https://example.org/x", "redirect_uri", "https://example.org/x"},
-      {"--title", "Summer", "protect_title", "Summer"},
-      {"--app", R"({"path":"/a"})", "protect_type", "none"},  // and no protection option
+      {"--title", "Sommer \u00e9t\u00e9", "protect_title", "Sommer \u00e9t\u00e9"},
+      {"--app", app.c_str(), "protect_type", "none"},
+      {"--private-data", "-", "protect_type", "none"},
   };
-  std::string const open = Hash(Cli(Options({"create"}, fields)));
+  std::string const open = Hash(Cli(Options({"create"}, fields), R"({"k":[1]})"));
   Json::Value shown = Show(open);
   ExpectFields(shown, fields);
   EXPECT_EQ("/a", shown["app"]["path"].asString());
+  EXPECT_EQ("1", Column("json_extract(data, '$.private_data.k[0]')", open));
   // Local time (UTC in tests) really stored as those seconds, not only read back alike.
-  EXPECT_EQ("1704164645", Value("SELECT start_at AS v FROM entry WHERE hash = '" + open + "'"));
+  EXPECT_EQ("1704164645", Column("start_at", open));
 
   // A password from standard input; the JSON answer names the new hash.
   Outcome const made =
@@ -173,8 +182,8 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
   std::string sid;
   EXPECT_EQ(-9, Login(sid, hash, "192.0.2.11", "pass"));
   EXPECT_EQ(1, Login(sid, hash, "192.0.2.11", "pass phrase"));
-  EXPECT_EQ(1,
-            Login(sid, Create({"--password", "m", "--password-algo", "md5"}), "192.0.2.11", "m"));
+  std::string const md5 = Create({"--password", "m\xff", "--password-algo", "md5"});
+  EXPECT_EQ(1, Login(sid, md5, "192.0.2.11", "m\xff"));  // a password is bytes
 
   // Users and groups; the accounts' own case of the name is kept.
   std::string const users = Create({"--users", "alice", "--users", "Dave", "--groups", "viewers"});
@@ -189,25 +198,62 @@ TEST_F(CliTest, CreatesEachKindOfProtection) {
   EXPECT_EQ((Strings{"alice", "zed"}), Names(Show(later)["protect_users"]));
 }
 
-TEST_F(CliTest, ListsWithFiltersAndPages) {
-  Strings const h = {Create({}), Create({"--enabled", "no"}),
-                     Create({"--expire-at", "2020-01-01 00:00:00"}),
-                     Create({"--max-uses", "1"}, "bob", "p2"), Create({}, "bob", "p2")};
+// Every form of time the tool takes, as the seconds it stores (the tests run in UTC).
+TEST_F(CliTest, TakesTimesInEveryForm) {
+  long const now = static_cast<long>(time(nullptr));
+  struct {
+    char const* text;
+    long seconds;  // from now when `relative`
+    bool relative;
+  } const cases[] = {
+      {"2027-01-31", 1801439999, false},
+      {"2027-01-31 12:00:00", 1801396800, false},
+      {"2027-01-31T12:00:00Z", 1801396800, false},
+      {"2027-01-31T12:00:00+01:00", 1801393200, false},
+      {"2027-01-31T12:00-0500", 1801414800, false},
+      {"+30m", 1800, true},
+      {"+12h", 43200, true},
+      {"+7d", 604800, true},
+      {"+2w", 1209600, true},
+  };
+  for (auto const& c : cases) {
+    std::string const hash = Create({"--expire-at", c.text});
+    long const stored = std::stol(Column("expire_at", hash));
+    long const want = c.seconds + (c.relative ? now : 0);
+    EXPECT_TRUE(stored >= want && stored <= want + (c.relative ? 5 : 0)) << c.text << " " << stored;
+  }
+  // A link already over, or over before it starts, only when forced.
+  EXPECT_EQ(0, Cli({"create", "--project", "p", "--owner", "alice", "--force", "--start-at", "+2d",
+                    "--expire-at", "+1d"})
+                   .status);
+}
+
+TEST_F(CliTest, ListsWithFiltersSearchesSortsAndPages) {
+  Strings const h = {Create({"--title", "Summer 50%"}, "bob"), Create({"--enabled", "no"}),
+                     Create({"--expire-at", "2020-01-01 00:00:00", "--force"}),
+                     Create({"--max-uses", "1", "--expire-at", "+1d"}, "bob", "p2_x"),
+                     Create({"--expire-at", "+2d"}, "bob", "p2")};
   ASSERT_EQ(0, Cli({"update", h[3], "--use-count", "1"}).status);  // used up
   struct {
     Strings args;
     std::vector<int> want;
   } const cases[] = {
       {{}, {0, 1, 2, 3, 4}},
-      {{"--owner", "alice"}, {0, 1, 2}},
-      {{"--project", "p2"}, {3, 4}},
+      {{"--owner", "alice"}, {1, 2}},
+      {{"--project", "p2"}, {4}},
       {{"--enabled", "no"}, {1}},
       {{"--expired", "yes"}, {2, 3}},
-      {{"--expired", "no"}, {0, 1, 4}},
       {{"--expired", "no", "--owner", "alice", "--enabled", "no"}, {1}},
       {{"--page-size", "2", "--page", "2"}, {2, 3}},
-      {{"--page-size", "2", "--page", "3"}, {4}},
       {{"--page-size", "2", "--page", "4"}, {}},
+      {{"--search", "p2"}, {3, 4}},
+      {{"--search", "2_"}, {3}},        // wildcards are plain characters
+      {{"--search", "MMER 50%"}, {0}},  // the title, in either case
+      {{"--search", h[1].substr(2, 5)}, {1}},
+      {{"--search", "bob"}, {0, 3, 4}},  // the owner's account name
+      {{"--sort", "uses"}, {3, 0, 1, 2, 4}},
+      {{"--sort", "expiry"}, {2, 3, 4, 0, 1}},
+      {{"--sort", "owner", "--page-size", "2", "--page", "2"}, {0, 3}},
   };
   for (auto const& c : cases) {
     Strings want;
@@ -218,24 +264,33 @@ TEST_F(CliTest, ListsWithFiltersAndPages) {
   EXPECT_EQ(5, Json({"list", "--page-size", "2", "--page", "2"})["total"].asInt());
   std::string const table = Cli({"list", "--owner", "bob"}).out;
   EXPECT_EQ(0u, table.find("HASH "));
-  EXPECT_NE(std::string::npos, table.find("\n" + h[3] + "  p2       bob    yes"));
-  EXPECT_NE(std::string::npos, table.find("(entries 1-2 of 2, page 1)\n"));
+  EXPECT_NE(std::string::npos, table.find("\n" + h[4] + "  p2       bob    yes"));
+  EXPECT_NE(std::string::npos, table.find("(entries 1-3 of 3, page 1)\n"));
 }
 
-TEST_F(CliTest, ShowsLiveSessionsAndLogsThemOut) {
+// Live sessions and the latest visits the gate recorded (newest first); logging one out.
+TEST_F(CliTest, ShowsSessionsAndVisitsAndLogsOut) {
   std::string const hash = Create({"--groups", "editors"});
   std::string alice, dave;
   ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
   ASSERT_EQ(1, Login(dave, hash, "192.0.2.32", "dave-secret", "Dave"));
-  Json::Value const sessions = Show(hash)["sessions"];
-  ASSERT_EQ(2u, sessions.size());
-  EXPECT_EQ(alice, sessions[0]["session_id"].asString());
-  EXPECT_EQ("192.0.2.31", sessions[0]["ip"].asString());
-  EXPECT_EQ("alice", sessions[0]["account"].asString());
-  EXPECT_EQ("Dave", sessions[1]["account"].asString());
+  for (char const* row : {"1801396800, '192.0.2.31', 'alice'", "1801396860, '2001:db8::5', ''"}) {
+    ASSERT_TRUE(db().Execute("INSERT INTO visit (entry_id, at, ip, account) SELECT id, " +
+                             std::string(row) + " FROM entry WHERE hash = '" + hash + "'"));
+  }
+  Json::Value const shown = Show(hash);
+  EXPECT_EQ(
+      shown["sessions"][0]["session_id"].asString() + shown["sessions"][1]["account"].asString(),
+      alice + "Dave");
+  EXPECT_EQ("192.0.2.31", shown["sessions"][0]["ip"].asString());
+  EXPECT_EQ("2001:db8::5", shown["visits"][0]["ip"].asString());
+  EXPECT_EQ(shown["visits"][1]["at"].asString() + shown["visits"][1]["account"].asString(),
+            "2027-01-31 12:00:00alice");
   std::string const table = Cli({"show", hash}).out;
-  EXPECT_NE(std::string::npos, table.find("2 live sessions\n"));
-  EXPECT_NE(std::string::npos, table.find(alice + "  192.0.2.31  alice"));
+  for (std::string const& line :
+       Strings{"2 live sessions\n", alice + "  192.0.2.31  alice", "2 recent visits",
+               "\n2027-01-31 12:00:00  192.0.2.31   alice"})
+    EXPECT_NE(std::string::npos, table.find(line)) << line;
 
   // An expired token no longer counts as a live session.
   AgeToken(dave);
@@ -248,9 +303,25 @@ TEST_F(CliTest, ShowsLiveSessionsAndLogsThemOut) {
   Outcome const again = Cli({"logout", hash, "--", alice});
   EXPECT_EQ(6, again.status);
   EXPECT_EQ("kovasharing: session \"" + alice + "\" is not logged in to " + hash + "\n", again.err);
-  ASSERT_EQ(1, Login(alice, hash, "192.0.2.31", "alice-secret", "alice"));
-  EXPECT_TRUE(Parse(Cli({"logout", "--json", hash, "--", alice}).out)["logged_out"].asBool());
-  EXPECT_NE(1, Check(alice, hash, "192.0.2.31"));
+}
+
+// With the gate's address known the tool prints whole links, and takes them for hashes.
+TEST_F(CliTest, PrintsAndTakesWholeLinks) {
+  std::string const base = "https://gate.test/share?x=1";
+  ASSERT_EQ(base + "\n", Cli({"config", "base-url", base}).out);
+  std::string const link = Cli({"create", "--project", "p", "--owner", "alice"}).out;
+  std::string const hash = link.substr(link.size() - 10, 9);
+  EXPECT_EQ(base + "&sharing_id=" + hash + "\n", link);
+  EXPECT_EQ(link, Show(link.substr(0, link.size() - 1))["link"].asString() + "\n");
+  EXPECT_EQ(0u, Cli({"list"}).out.find("LINK "));
+  std::string const qr = Cli({"show", hash, "--qr"}).out;
+  EXPECT_NE(std::string::npos, qr.find("\u2580")) << qr;
+  EXPECT_NE(std::string::npos, qr.find("\u2584"));
+  EXPECT_EQ("http://other.test/s?sharing_id=" + hash,
+            Json({"show", hash, "--base-url", "http://other.test/s"})["link"].asString());
+  ASSERT_EQ(0, Cli({"config", "base-url", "none"}).status);
+  EXPECT_EQ(0u, Cli({"list"}).out.find("HASH "));
+  EXPECT_EQ(2, Cli({"show", hash, "--qr"}).status);
 }
 
 TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
@@ -267,67 +338,39 @@ TEST_F(CliTest, UpdatesFieldsAndRehashesThePassword) {
   EXPECT_EQ(1, Login(fresh, hash, "192.0.2.41", "new-pw"));
 
   // Other fields leave earlier logins alone.
-  Fields const changes = {
-      {"--project", "renamed", "project_name", "renamed"},
-      {"--owner", "bob", "owner_user", "bob"},
-      {"--enabled", "no", "enabled", "false"},
-      {"--max-uses", "5", "expire_times", "5"},
-      {"--start-at", "2025-05-05 05:05:05", "start_at", "2025-05-05 05:05:05"},
-  };
+  Fields const changes = {{"--owner", "bob", "owner_user", "bob"},
+                          {"--enabled", "no", "enabled", "false"},
+                          {"--use-count", "2", "use_count", "2"},
+                          {"--start-at", "none", "start_at", ""}};
   ExpectFields(Json(Options({"update", hash}, changes)), changes);
   EXPECT_EQ(1, Rows("token"));
-  ASSERT_EQ(0, Cli({"update", hash, "--use-count", "2", "--start-at", "none"}).status);
-  EXPECT_EQ(2, Show(hash)["use_count"].asInt());
-  EXPECT_EQ("", Show(hash)["start_at"].asString());
   // Back to no protection: anyone comes in once switched on.
   ASSERT_EQ(0, Cli({"update", hash, "--no-protection", "--enabled", "yes"}).status);
   EXPECT_EQ(1, Login(fresh, hash, "192.0.2.42", nullptr));
 }
 
-TEST_F(CliTest, DeletesByHashAndByOwner) {
-  std::string const a1 = Create({});
-  std::string const b1 = Create({}, "bob");
-  Create({}, "bob", "q");
-  std::string sid;
-  ASSERT_EQ(1, Login(sid, b1, "192.0.2.51", nullptr));
-  ASSERT_EQ(1, Login(sid, a1, "192.0.2.51", nullptr));
-  EXPECT_EQ("deleted 1 entry\n", Cli({"delete", a1}).out);
-  EXPECT_EQ(4, Cli({"show", a1}).status);
-  EXPECT_EQ(1, Rows("token"));  // its visitor's access went with it
-  Outcome const owner = Cli({"--json", "delete", "--owner", "bob"});  // before the command too
-  EXPECT_EQ(2, Parse(owner.out)["deleted"].asInt()) << owner.err;
-  EXPECT_EQ(0, Rows("entry"));
-  EXPECT_EQ(0, Rows("token"));
-  EXPECT_EQ("deleted 0 entries\n", Cli({"delete", "--owner", "carol"}).out);
-}
-
 // An address blocked by failed logins: listed with its failures and the end of the block,
-// and lifted by the administrator; a text that is no address is refused.
+// and lifted by the administrator.
 TEST_F(CliTest, ListsAndLiftsBlockedAddresses) {
   std::string const hash = Create({"--password-stdin"}, "alice", "p", "pw\n");
   char const addr[] = "192.0.2.91";
   ASSERT_EQ(0, Cli({"unblock", addr}).status);
   std::string sid;
   for (int i = 0; i < 10; ++i) ASSERT_EQ(-9, Login(sid, hash, addr, "guess"));
-  ASSERT_EQ(-8, Login(sid, hash, addr, "pw"));
   Json::Value found;
   for (auto const& row : Json({"blocked"})) {
     if (row["address"] == addr) found = row;
   }
-  EXPECT_EQ(10, found["failures"].asInt());
-  EXPECT_TRUE(found["blocked"].asBool());
-  EXPECT_EQ(19u, found["blocked_until"].asString().size());
+  EXPECT_TRUE(found["failures"] == 10 && found["blocked"].asBool()) << found.toStyledString();
   EXPECT_NE(std::string::npos, Cli({"blocked"}).out.find("\n192.0.2.91 "));
-  EXPECT_EQ(2, Cli({"unblock", "192.0.2"}).status);
-  EXPECT_EQ(2, Cli({"unblock"}).status);
   EXPECT_EQ("unblocked 192.0.2.91 (10 failed logins cleared)\n", Cli({"unblock", addr}).out);
-  EXPECT_EQ("unblocked 192.0.2.91 (0 failed logins cleared)\n", Cli({"unblock", addr}).out);
   EXPECT_EQ(1, Login(sid, hash, addr, "pw"));
 }
 
 TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
   std::string const gone = Create({});
-  std::string const kept = Create({"--auto-gc", "no", "--expire-at", "2020-01-01 00:00:00"});
+  std::string const kept =
+      Create({"--auto-gc", "no", "--expire-at", "2020-01-01 00:00:00", "--force"});
   std::string const used = Create({"--max-uses", "1"});
   std::string const live = Create({});
   Strings sids(3);
@@ -341,17 +384,31 @@ TEST_F(CliTest, PurgesExpiredRowsAndCountsThem) {
   ASSERT_EQ(4, Rows("token"));
 
   // Entries: the expired and the used-up one; sessions: one aged; tokens: the aged one, the
-  // one of the purged entry and the one of the purged session.
-  Json::Value const counts = Json({"purge"});
-  EXPECT_EQ(2, counts["entries"].asInt());
-  EXPECT_EQ(1, counts["sessions"].asInt());
-  EXPECT_EQ(3, counts["tokens"].asInt());
+  // one of the purged entry and the one of the purged session. A dry run counts the same
+  // and removes nothing.
+  for (char const* dry : {"--dry-run", "--yes"}) {
+    Json::Value const counts = Json({"purge", dry});
+    EXPECT_EQ(2, counts["entries"].asInt());
+    EXPECT_EQ(1, counts["sessions"].asInt());
+    EXPECT_EQ(3, counts["tokens"].asInt());
+    bool const dry_run = std::string(dry) == "--dry-run";
+    EXPECT_EQ(dry_run, counts["dry_run"].asBool());
+    EXPECT_EQ(dry_run ? 4 : 1, Rows("token")) << dry;
+  }
   EXPECT_EQ((Strings{kept, live}), Listed({}));
   EXPECT_EQ(3, Rows("session"));
-  EXPECT_EQ(1, Rows("token"));
   EXPECT_EQ("purged 0 entries, 0 sessions, 0 tokens\n", Cli({"purge"}).out);
+  EXPECT_EQ("would purge 1 entry, 0 sessions, 0 tokens\n",
+            Cli({"purge", "--all", "--dry-run"}).out);
   EXPECT_EQ("purged 1 entry, 0 sessions, 0 tokens\n", Cli({"purge", "--all"}).out);
   EXPECT_EQ((Strings{live}), Listed({}));
+  // Deleting a link takes its visitors' access with it; by owner, all of that owner's.
+  Create({}, "bob");
+  EXPECT_EQ("deleted 1 entry\n", Cli({"delete", live}).out);
+  EXPECT_EQ(0, Rows("token"));
+  Outcome const owner = Cli({"--json", "delete", "--owner", "bob"});  // before the command too
+  EXPECT_EQ(1, Parse(owner.out)["deleted"].asInt()) << owner.err;
+  EXPECT_EQ(0, Rows("entry"));
 }
 
 TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
@@ -360,6 +417,10 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
     more.insert(more.begin(), {"create", "--project", "p", "--owner", "alice"});
     return more;
   };
+  kovatest::TempDir temp;
+  std::string const bad = temp.File("bad.json");
+  kovatest::WriteFile(bad, "{\"a\":\"\xff\"}");
+  std::string const deep = std::string(101, '[') + std::string(101, ']');
   struct {
     Strings args;
     int status;
@@ -368,29 +429,34 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
       {{}, 2, "no command given"},
       {{"frobnicate"}, 2, "unknown command \"frobnicate\""},
       {{"list", "--bogus"}, 2, "list: unknown option --bogus"},
-      {{"list", "--page"}, 2, "--page needs a value"},
       {{"list", "--page", "0"}, 2, "--page: \"0\" is not a whole number from 1"},
-      {{"show"}, 2, "show: missing HASH"},
-      {{"show", hash, "extra"}, 2, "unexpected argument extra"},
+      {{"list", "--sort", "size"}, 2, "is not created, expiry, uses or owner"},
       {{"create", "--project", "p"}, 2, "--owner is required"},
       {with({"--app", "[1]"}), 2, "--app: not a JSON object"},
+      {with({"--app", R"({"a":)" + deep + "}"}), 2, "--app: JSON nested deeper than 100"},
+      {with({"--app", "@/nonexistent/app.json"}), 2, "--app: cannot read /nonexistent/app.json"},
+      {with({"--app", "-", "--private-data", "-"}), 2, "only one value can come from standard"},
+      {with({"--title", "caf\xe9"}), 2, "--title: the text is not UTF-8"},
+      {with({"--app", "@" + bad}), 2, "--app: the text is not UTF-8"},
       {with({"--password", "x", "--users", "bob"}), 2, "choose one protection"},
       {with({"--password-stdin"}), 2, "the password is empty"},
       {with({"--enabled", "maybe"}), 2, "neither yes nor no"},
+      {with({"--expire-at", "2020-01-01"}), 2, "the link would be expired already"},
+      {with({"--start-at", "+2d", "--expire-at", "+1d"}), 2, "would end before it starts"},
+      {with({"--qr"}), 2, "--qr needs the gate's web address"},
+      {with({"--base-url", "ftp://x"}), 2, "is not the gate's web address"},
       {{"create", "--project", "''", "--owner", "alice"}, 2, "project_name value cannot be stored"},
       {{"update", hash}, 2, "update: nothing to change"},
       {{"delete"}, 2, "missing HASH or --owner USER"},
-      {with({"--expire-at", "tomorrow"}), 3, "not a local time of the form YYYY-MM-DD HH:MM:SS"},
-      {with({"--expire-at", "2024-02-30 12:00:00"}), 3, "is not a valid local time"},
-      {{"update", hash, "--start-at", "2024-1-2 3:4:5"}, 3, "not a local time"},
+      {{"unblock", "192.0.2"}, 2, "not an IPv4 or IPv6 address"},
+      {with({"--expire-at", "tomorrow"}), 3, "\"tomorrow\" is not a time: give YYYY-MM-DD"},
+      {with({"--expire-at", "+7y"}), 3, "is not a time"},
+      {with({"--expire-at", "2027-01-31T12:00:00+25:00"}), 3, "is not a time"},
+      {with({"--expire-at", "2027-02-30"}), 3, "is not a valid time"},
       {{"show", "nohash"}, 4, "no entry with hash \"nohash\""},
-      {{"delete", "nohash"}, 4, "no entry with hash"},
-      {{"logout", "nohash", "sid"}, 4, "no entry with hash"},
       {{"create", "--project", "p", "--owner", "zed"}, 5, "no user named \"zed\""},
-      {{"delete", "--owner", "zed"}, 5, "no user named"},
       {with({"--users", "alice,zed"}), 5, "no user named \"zed\" (--allow-unknown"},
       {with({"--groups", "nogroup"}), 5, "no group named \"nogroup\""},
-      {{"logout", hash, "no-such-session"}, 6, "no live session \"no-such-session\""},
       {{"logout", hash, "-dash-first"}, 6, "no live session \"-dash-first\""},
   };
   for (auto const& c : cases) {
@@ -420,7 +486,8 @@ TEST_F(CliTest, EveryFailureHasItsStatusAndOneLine) {
 TEST_F(CliTest, HelpForEveryCommandAndTheManualPage) {
   std::string const overview = Cli({"--help"}).out;
   std::string const manual = kovatest::ReadFile(KOVA_CLI_MANPAGE);
-  for (std::string const name : {"create", "list", "show", "update", "delete", "purge", "logout"}) {
+  for (std::string const name :
+       {"create", "list", "show", "update", "delete", "purge", "logout", "config"}) {
     std::string const help = Cli({name, "--help"}).out;
     EXPECT_EQ(0u, help.find("Usage: kovasharing " + name)) << help;
     EXPECT_EQ(help, Cli({"help", name}).out);

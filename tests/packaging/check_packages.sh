@@ -93,7 +93,8 @@ done
 files=("$libdir"/cmake/kovasharing/kovasharing{Config,ConfigVersion,Targets}.cmake
   "$libdir/pkgconfig/kovasharing.pc" etc/pam.d/kovasharing)
 [ -z "$tools_deb" ] || files+=(usr/bin/kovasharing "$libdir/kovasharing/cgi-bin/kovasharing-gate"
-  usr/share/kovasharing/gate/kovasharing-gate.css usr/share/man/man1/kovasharing.1.gz)
+  usr/share/kovasharing/gate/kovasharing-gate.css usr/share/man/man1/kovasharing.1.gz
+  usr/share/locale/de/LC_MESSAGES/kovasharing-gate.mo)
 for lib in libkovasharing libkovaplatform; do
   files+=("$libdir/$lib.so.$ver")
   [ "$(readlink "$root/$libdir/$lib.so.1")" = "$lib.so.$ver" ] || fail "$lib.so.1 link"
