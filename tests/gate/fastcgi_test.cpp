@@ -1,10 +1,8 @@
 // The gate as a FastCGI server: the supervisor, its login helper and its workers as real
 // processes, driven by a small FastCGI client over the server's socket; and what that server
-// rests on: the web-request layer's per-request reset, the login helper's questions, and the
-// library's identity guard in a process that already is the system account.
+// rests on: the web-request layer's per-request reset and the login helper's questions.
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <kova_autoblock.h>
 #include <kova_cgi.h>
@@ -22,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "db/run_as.h"
 #include "kovatest.h"
 
 namespace {
@@ -408,22 +405,18 @@ TEST(CgiRequestReset, NothingOfARequestReachesTheNext) {
   setenv("REMOTE_ADDR", "198.51.100.7", 1);  // the process's own: no request may see it
   setenv("KOVA_TEST_MARK", "kept", 1);
   std::string body = "password=first";
-  char const* const first[] = {
-      "REQUEST_METHOD=POST", "CONTENT_TYPE=application/x-www-form-urlencoded",
-      "CONTENT_LENGTH=14",   "HTTP_COOKIE=sid=one",
-      "not a variable",      nullptr};
+  char const* const first[] = {"REQUEST_METHOD=POST",
+                               "CONTENT_TYPE=application/x-www-form-urlencoded",
+                               "CONTENT_LENGTH=14", "HTTP_COOKIE=sid=one", nullptr};
   ASSERT_EQ(1, KovaCgiRequestBegin(first, ReadString, &body));
   EXPECT_EQ(nullptr, getenv("REMOTE_ADDR"));
   EXPECT_STREQ("kept", getenv("KOVA_TEST_MARK"));
-  KOVA_CGI_HANDLE h = nullptr, again = nullptr;
+  KOVA_CGI_HANDLE h = nullptr;
   ASSERT_EQ(1, KovaCgiInit("", &h));
-  ASSERT_EQ(1, KovaCgiInit("", &again));
   KovaCgiLoadInCookies(h);
   EXPECT_STREQ("first", KovaCgiGetRequestParam(h, "password", 0));
-  EXPECT_STREQ("first", KovaCgiGetRequestParam(again, "password", 0)) << "read once, kept";
   EXPECT_STREQ("one", KovaCgiGetCookie(h, "sid"));
   KovaCgiFree(h);
-  KovaCgiFree(again);
   KovaCgiRequestEnd();
   EXPECT_STREQ("198.51.100.7", getenv("REMOTE_ADDR"));
   EXPECT_EQ(nullptr, getenv("HTTP_COOKIE"));
@@ -472,10 +465,8 @@ TEST(LoginHelper, AnswersWellFormedQuestionsOnly) {
     char answer;
   } const cases[] = {
       {Question(7, "alice", "alice-secret", "192.0.2.1"), 'y'},
-      {Question(7, "alice", "alice-secret", ""), 'y'},
       {Question(7, "alice", "wrong", "192.0.2.1"), 'n'},
-      {Question(7, "alice", "alice-secret", "192.0.2.1", 4), 'n'},     // lengths disagree
-      {Question(7, "alice", "alice-secret", "192.0.2.1") + "x", 'n'},  // trailing byte
+      {Question(7, "alice", "alice-secret", "192.0.2.1", 4), 'n'},  // lengths disagree
       {Question(7, "alice", "alice-secret", "not-an-address"), 'n'},
       {Question(7, std::string("alice\0x", 7), "alice-secret", ""), 'n'},
       {Question(7, "", "alice-secret", ""), 'n'},
@@ -512,33 +503,6 @@ TEST(LoginHelper, AnswersWellFormedQuestionsOnly) {
   int status = -1;
   waitpid(pid, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the helper ends with its peer";
-}
-
-// In a process that already is the system account (a worker), the guard's switches to it are
-// no-ops that succeed, and a switch to root fails without moving anything.
-TEST(SystemAccountProcess, IdentityGuardSwitchesAreNoOps) {
-  pid_t const pid = fork();
-  if (pid == 0) {
-    if (setgroups(0, nullptr) != 0 || setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) _exit(2);
-    {
-      KOVA::sharing::RunAsScope scope(1, 1, __FILE__, __LINE__, "test");
-      if (!scope.IsSwitched() || geteuid() != 1 || getegid() != 1) _exit(3);
-    }
-    {
-      KOVA::sharing::RunAsScope scope(0, 0, __FILE__, __LINE__, "test");
-      if (scope.IsSwitched() || geteuid() != 1) _exit(4);
-    }
-    KovaIdentity saved;
-    KovaIdentityLock();
-    if (KovaIdentitySwitch(1, 1, &saved) != 1 || KovaIdentityRestore(&saved) != 1) _exit(5);
-    KovaIdentityUnlock();
-    uid_t r, e, s;
-    getresuid(&r, &e, &s);
-    _exit(r == 1 && e == 1 && s == 1 && getegid() == 1 && getgroups(0, nullptr) == 0 ? 0 : 6);
-  }
-  int status = -1;
-  waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace

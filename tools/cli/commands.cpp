@@ -155,14 +155,11 @@ void CheckNames(Args const& args, std::vector<std::string> const& names, bool gr
 }
 
 // The text of an option that may come from a file ("@path") or standard input ("-"), read
-// once per run like the password. At most one value can come from standard input.
+// once per run like the password.
 std::string ValueText(Args const& args, std::string const& name) {
   static std::map<std::string, std::string> read;
   auto const found = read.find(name);
   if (found != read.end()) return found->second;
-  int from_stdin = args.Has("password-stdin") ? 1 : 0;
-  for (char const* option : {"app", "private-data"}) from_stdin += args.Get(option) == "-";
-  if (from_stdin > 1) UsageError(args.command(), "only one value can come from standard input");
   return read[name] = ReadValue(args.Get(name), "--" + name);
 }
 
@@ -179,6 +176,9 @@ Applied ApplyFields(Args const& args, Entry& entry) {
   bool const password = args.Has("password") || args.Has("password-stdin");
   bool const users = args.Has("users") || args.Has("groups");
   bool const none = args.Has("no-protection");
+  int from_stdin = args.Has("password-stdin") ? 1 : 0;
+  for (char const* option : {"app", "private-data"}) from_stdin += args.Get(option) == "-";
+  if (from_stdin > 1) UsageError(cmd, "only one value can come from standard input");
   if (password + users + none > 1) {
     UsageError(cmd, "choose one protection: a password, users and groups, or none");
   }
