@@ -25,7 +25,7 @@ run-clang-tidy -quiet -j "$(nproc)" -p "$build" "${sources[@]/#/$PWD/}" >"$build
 # Every text the gate marks for translation has its translation in every catalogue.
 for po in tools/gate/po/*.po; do
   echo "== catalogue $po"
-  xgettext --keyword=_ --keyword=N_ --from-code=UTF-8 -C -o "$build/kovasharing-gate.pot" \
+  xgettext --keyword=TR --keyword=N_ --from-code=UTF-8 -C -o "$build/kovasharing-gate.pot" \
     tools/gate/*.cpp tools/gate/*.h
   msgcmp --use-untranslated "$po" "$build/kovasharing-gate.pot" || exit 1
   stats=$(msgfmt --statistics -o /dev/null "$po" 2>&1)

@@ -143,7 +143,7 @@ long RelativeTime(std::string const& text) {
   static struct {
     char unit;
     long seconds;
-  } const kUnits[] = {{'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 7 * 86400}};
+  } const kUnits[] = {{'m', 60}, {'h', 3600}, {'d', 86400}, {'w', 7L * 86400}};
   size_t const digits = text.size() - 2;
   if (text.size() < 3 || digits > 6) return -1;
   size_t pos = 1;

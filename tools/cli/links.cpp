@@ -76,7 +76,7 @@ void StoreBaseUrl(std::string const& url) {
 
 std::string BaseUrl(Args const& args) {
   if (!args.Has("base-url")) return ConfiguredBaseUrl();
-  std::string const url = args.Get("base-url");
+  std::string url = args.Get("base-url");
   CheckBaseUrl(url, "--base-url");
   return url;
 }

@@ -193,20 +193,20 @@ std::string AppText(Json::Value const& app, char const* key) {
 std::string LinkTitle(Entry const& entry, Json::Value const& app) {
   if (!entry.get_protect_title().empty()) return entry.get_protect_title();
   std::string const title = AppText(app, "title");
-  return title.empty() ? _("Shared with you") : title;
+  return title.empty() ? TR("Shared with you") : title;
 }
 
 // The owner as visitors know them: the account's full name where the account database has
 // one, else the account name.
 std::string OwnerName(Entry const& entry) {
-  std::string const login = entry.get_owner_user();
+  std::string login = entry.get_owner_user();
   if (login.empty()) return "";
   struct passwd account;
   struct passwd* found = nullptr;
   std::vector<char> buffer(16384);
   if (getpwnam_r(login.c_str(), &account, buffer.data(), buffer.size(), &found) == 0 &&
       found != nullptr && found->pw_gecos != nullptr) {
-    std::string const full = std::string(found->pw_gecos).substr(0, strcspn(found->pw_gecos, ","));
+    std::string full = std::string(found->pw_gecos).substr(0, strcspn(found->pw_gecos, ","));
     if (!full.empty()) return full;
   }
   return login;
@@ -228,8 +228,8 @@ std::string HumanTime(long when) {
     return "";
   }
   // TRANSLATORS: day, month, year, time of day, time zone.
-  return Fill(_("{} {} {} at {} {}"), {std::to_string(local.tm_mday), _(kMonths[local.tm_mon]),
-                                       std::to_string(local.tm_year + 1900), clock, zone});
+  return Fill(TR("{} {} {} at {} {}"), {std::to_string(local.tm_mday), TR(kMonths[local.tm_mon]),
+                                        std::to_string(local.tm_year + 1900), clock, zone});
 }
 
 // "1.5 MB": a size in bytes as people read it.
@@ -251,7 +251,7 @@ std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& a
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "";
   if (!app.isObject()) {
-    if (!app.isNull()) details.emplace_back(_("Data"), Json::writeString(writer, app));
+    if (!app.isNull()) details.emplace_back(TR("Data"), Json::writeString(writer, app));
     return details;
   }
   for (std::string const& name : app.getMemberNames()) {
@@ -260,10 +260,10 @@ std::vector<std::pair<std::string, std::string>> AppDetails(Json::Value const& a
     if (name == "title" && value.isString() && value.asString() == heading) continue;
     std::string label = name;
     std::string text = value.isString() ? value.asString() : Json::writeString(writer, value);
-    if (name == "title") label = _("Title");
-    if (name == "url") label = _("Address");
+    if (name == "title") label = TR("Title");
+    if (name == "url") label = TR("Address");
     if (name == "size") {
-      label = _("Size");
+      label = TR("Size");
       if (value.isNumeric() && value.asDouble() >= 0) text = HumanSize(value.asDouble());
     }
     details.emplace_back(label, text);
@@ -348,8 +348,8 @@ Reply Gate::Redirect(std::string const& location) const {
   reply.status = 303;
   reply.headers.push_back("Location: " + location);
   Page page;
-  page.title = _("Continue");
-  page.lead.push_back(_("This page has moved on. Your browser should follow by itself."));
+  page.title = TR("Continue");
+  page.lead.push_back(TR("This page has moved on. Your browser should follow by itself."));
   reply.body = kovagate::RenderPage(page, stylesheet_);
   return reply;
 }
@@ -360,20 +360,20 @@ Reply Gate::Failure(char const* what) const {
   fprintf(stderr, "%s: %s\n", kSource, what);
   Page page;
   page.status = 500;
-  page.title = _("Something went wrong");
+  page.title = TR("Something went wrong");
   page.lead.push_back(
-      _("The link could not be opened just now. Please try again in a little while."));
+      TR("The link could not be opened just now. Please try again in a little while."));
   return Show(page);
 }
 
 Reply Gate::Blocked() const {
   Page page;
   page.status = 429;
-  page.title = _("Too many attempts");
+  page.title = TR("Too many attempts");
   page.lead.push_back(
-      _("There were too many failed attempts from your network address, so it is blocked for a "
-        "while."));
-  page.lead.push_back(_("Please wait about ten minutes, then open the link again."));
+      TR("There were too many failed attempts from your network address, so it is blocked for a "
+         "while."));
+  page.lead.push_back(TR("Please wait about ten minutes, then open the link again."));
   Reply reply = Show(page);
   reply.headers.push_back("Retry-After: " + std::to_string(kBlockSeconds));
   return reply;
@@ -401,12 +401,12 @@ Reply Gate::Refused(std::string const& username) const {
   page.status = 403;
   page.notice_tone = Tone::kError;
   page.notice =
-      _("This link does not open. The password may be wrong, or the link may have expired or "
-        "been used up; ask the person who sent it.");
+      TR("This link does not open. The password may be wrong, or the link may have expired or "
+         "been used up; ask the person who sent it.");
   if (page.form == Form::kAccount) {
     page.notice =
-        _("That did not work. Check your account name and password; this link may also not be "
-          "shared with your account.");
+        TR("That did not work. Check your account name and password; this link may also not be "
+           "shared with your account.");
     page.username = username;
   }
   return Show(page);
@@ -445,18 +445,18 @@ Page Gate::FormPage(Form form) const {
   page.action = LinkUrl();
   switch (form) {
     case Form::kAccount:
-      page.title = _("Sign in to open this link");
+      page.title = TR("Sign in to open this link");
       page.lead.push_back(
-          _("This link is shared with particular accounts. Sign in with your account on this "
-            "server."));
+          TR("This link is shared with particular accounts. Sign in with your account on this "
+             "server."));
       break;
     case Form::kOpen:
-      page.title = _("Shared link");
-      page.lead.push_back(_("Something has been shared with you. Press Open to see it."));
+      page.title = TR("Shared link");
+      page.lead.push_back(TR("Something has been shared with you. Press Open to see it."));
       break;
     default:
-      page.title = _("This link is protected");
-      page.lead.push_back(_("Enter the password you were given together with the link."));
+      page.title = TR("This link is protected");
+      page.lead.push_back(TR("Enter the password you were given together with the link."));
       break;
   }
   // Link previews: of a protected (or unknown) link only that it is protected; an open link
@@ -501,17 +501,17 @@ Reply Gate::Content() {
   std::string const description = AppText(app, "description");
   if (!description.empty()) page.lead.push_back(description);
   std::string const owner = OwnerName(entry);
-  if (!owner.empty()) page.lead.push_back(Fill(_("Shared by {}."), {owner}));
+  if (!owner.empty()) page.lead.push_back(Fill(TR("Shared by {}."), {owner}));
   page.next = next;
   if (next.empty()) page.details = AppDetails(app, page.title);
   std::string const until = HumanTime(entry.get_expire_at());
-  if (!until.empty()) page.details.emplace_back(_("Available until"), until);
+  if (!until.empty()) page.details.emplace_back(TR("Available until"), until);
   if (entry.get_expire_times() > 0) {
     int const left = entry.get_expire_times() - entry.get_use_count();
-    page.details.emplace_back(_("Uses left"), std::to_string(left < 0 ? 0 : left));
+    page.details.emplace_back(TR("Uses left"), std::to_string(left < 0 ? 0 : left));
   }
   if (page.details.empty() && next.empty()) {
-    page.lead.push_back(_("There is nothing more to show for this link."));
+    page.lead.push_back(TR("There is nothing more to show for this link."));
   }
   page.form = Form::kLogout;
   page.action = LinkUrl();
@@ -533,25 +533,25 @@ Reply Gate::HandleGet() {
         return Failure("authorization check failed");
       case KOVA_CHECK_LINK_INVALID:
         page.status = 410;
-        page.title = _("This link is no longer valid");
-        page.lead.push_back(_("The person who shared it has ended it, or its time is over."));
+        page.title = TR("This link is no longer valid");
+        page.lead.push_back(TR("The person who shared it has ended it, or its time is over."));
         return Show(page);
       case KOVA_CHECK_ADDRESS_CHANGED:
         page = FormPage(FormFor());
         page.notice =
-            _("Your network address has changed since you opened this link. Please "
-              "open it again.");
+            TR("Your network address has changed since you opened this link. Please "
+               "open it again.");
         return Show(page);
       case KOVA_CHECK_ACCOUNT_REFUSED:
         page = FormPage(FormFor());
-        page.notice = _("Please sign in again.");
+        page.notice = TR("Please sign in again.");
         return Show(page);
       default:  // no session, no token for this link, or either ran out
         break;
     }
   }
   page = FormPage(FormFor());
-  if (logged_out) page.notice = _("You have logged out.");
+  if (logged_out) page.notice = TR("You have logged out.");
   return Show(page);
 }
 
@@ -638,8 +638,8 @@ Reply Gate::Handle() {
   if (!post && method != "GET" && method != "HEAD") {
     Page page;
     page.status = 405;
-    page.title = _("Not possible");
-    page.lead.push_back(_("This page can only be opened or sent as a form."));
+    page.title = TR("Not possible");
+    page.lead.push_back(TR("This page can only be opened or sent as a form."));
     Reply reply = Show(page);
     reply.headers.push_back("Allow: GET, HEAD, POST");
     return reply;
@@ -650,8 +650,8 @@ Reply Gate::Handle() {
     if (init < 0) return Failure("request cannot be read");
     Page page;
     page.status = 400;
-    page.title = _("The request could not be read");
-    page.lead.push_back(_("Please open the link again."));
+    page.title = TR("The request could not be read");
+    page.lead.push_back(TR("Please open the link again."));
     return Show(page);
   }
   KovaCgiLoadInCookies(cgi_);
@@ -665,9 +665,9 @@ Reply Gate::Handle() {
   if (hash_.empty()) {
     Page page;
     page.status = 404;
-    page.title = _("No link given");
+    page.title = TR("No link given");
     page.lead.push_back(
-        _("This address does not lead to anything shared. Check that you have the whole link."));
+        TR("This address does not lead to anything shared. Check that you have the whole link."));
     return Show(page);
   }
 
@@ -678,9 +678,9 @@ Reply Gate::Handle() {
   if (!origin.empty() && origin != (IsHttps() ? "https://" : "http://") + Env("HTTP_HOST")) {
     Page page;
     page.status = 403;
-    page.title = _("Form not accepted");
+    page.title = TR("Form not accepted");
     page.lead.push_back(
-        _("The form came from another site. Open the link again and use its own form."));
+        TR("The form came from another site. Open the link again and use its own form."));
     return Show(page);
   }
   if (Param(SZK_ACTION) == "logout") return HandleLogout();

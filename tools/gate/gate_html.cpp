@@ -102,20 +102,21 @@ void RenderForm(std::string& out, Page const& page, bool focus) {
   out += "<form method=\"post\" action=\"" + HtmlEscape(page.action) + "\">\n";
   switch (page.form) {
     case Form::kPassword:
-      Field(out, SZK_PASSWORD_, _("Password"), "password", "current-password", focus);
-      out += std::string("<button type=\"submit\">") + _("Open") + "</button>\n";
+      Field(out, SZK_PASSWORD_, TR("Password"), "password", "current-password", focus);
+      out += std::string("<button type=\"submit\">") + TR("Open") + "</button>\n";
       break;
     case Form::kAccount:
-      Field(out, SZK_ZEL_USERNAME, _("Account name"), "text", "username", focus, page.username);
-      Field(out, SZK_ZEL_PASSWORD, _("Password"), "password", "current-password", false);
-      out += std::string("<button type=\"submit\">") + _("Sign in") + "</button>\n";
+      Field(out, SZK_ZEL_USERNAME, TR("Account name"), "text", "username", focus, page.username);
+      Field(out, SZK_ZEL_PASSWORD, TR("Password"), "password", "current-password", false);
+      out += std::string("<button type=\"submit\">") + TR("Sign in") + "</button>\n";
       break;
     case Form::kOpen:
-      out += std::string("<button type=\"submit\">") + _("Open") + "</button>\n";
+      out += std::string("<button type=\"submit\">") + TR("Open") + "</button>\n";
       break;
     case Form::kLogout:
       out += "<input type=\"hidden\" name=\"" + HtmlEscape(SZK_ACTION) + "\" value=\"logout\">\n";
-      out += std::string("<button type=\"submit\" class=\"quiet\">") + _("Log out") + "</button>\n";
+      out +=
+          std::string("<button type=\"submit\" class=\"quiet\">") + TR("Log out") + "</button>\n";
       break;
     case Form::kNone:
       break;
@@ -132,7 +133,8 @@ std::string RenderPage(Page const& page, std::string const& stylesheet) {
   out += "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n";
   out += "<meta name=\"robots\" content=\"noindex, nofollow\">\n";
   bool const error = !page.notice.empty() && page.notice_tone == Tone::kError;
-  out += "<title>" + std::string(error ? _("Error: ") : "") + HtmlEscape(page.title) + "</title>\n";
+  out +=
+      "<title>" + std::string(error ? TR("Error: ") : "") + HtmlEscape(page.title) + "</title>\n";
   if (!page.preview_title.empty()) {
     out += "<meta property=\"og:type\" content=\"website\">\n";
     out += "<meta property=\"og:title\" content=\"" + HtmlEscape(page.preview_title) + "\">\n";
@@ -161,7 +163,7 @@ std::string RenderPage(Page const& page, std::string const& stylesheet) {
   }
   if (!page.next.empty()) {
     out += "<a class=\"button\" href=\"" + HtmlEscape(page.next) + "\"" +
-           (error ? "" : " autofocus") + ">" + HtmlEscape(_("Continue")) + "</a>\n";
+           (error ? "" : " autofocus") + ">" + HtmlEscape(TR("Continue")) + "</a>\n";
   }
   RenderForm(out, page, !error && page.next.empty());
   out += "</main>\n</body>\n</html>\n";

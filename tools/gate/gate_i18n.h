@@ -1,4 +1,4 @@
-// The gate's languages: every text a visitor reads is marked _("...") and looked up through
+// The gate's languages: every text a visitor reads is marked TR("...") and looked up through
 // gettext in the catalogue of the language the visitor's browser prefers (Accept-Language),
 // English when the visitor prefers none of the gate's.
 #ifndef KOVASHARING_GATE_I18N_H
@@ -19,7 +19,7 @@ std::string Fill(char const* format, std::initializer_list<std::string> values);
 
 }  // namespace kovagate
 
-#define _(text) ::kovagate::Translate(text)
+#define TR(text) ::kovagate::Translate(text)
 #define N_(text) text  // marked for the catalogue, translated where it is used
 
 #endif
