@@ -319,10 +319,10 @@ class Gate {
 
   // The entry behind the hash when it is there, usable now and not used up.
   bool LoadValidEntry(Entry& entry) const;
-  // The form an unauthorised visitor gets; unknown and unusable links look like password ones.
-  Form FormFor() const;
+  // The form page an unauthorised visitor gets, from one read of the entry; unknown and
+  // unusable links look like password ones.
+  Page FormPage() const;
   static Form FormOf(bool valid, Entry const& entry);
-  Page FormPage(Form form) const;
   Reply Show(Page const& page) const;
   Reply Redirect(std::string const& location) const;
   Reply Blocked() const;
@@ -397,7 +397,7 @@ bool Gate::SetSessionCookie(std::string const& value, int flags) {
 }
 
 Reply Gate::Refused(std::string const& username) const {
-  Page page = FormPage(FormFor());
+  Page page = FormPage();
   page.status = 403;
   page.notice_tone = Tone::kError;
   page.notice =
@@ -421,12 +421,6 @@ bool Gate::LoadValidEntry(Entry& entry) const {
          (entry.get_expire_times() <= 0 || entry.get_use_count() < entry.get_expire_times());
 }
 
-Form Gate::FormFor() const {
-  Entry entry;
-  bool const valid = LoadValidEntry(entry);
-  return FormOf(valid, entry);
-}
-
 Form Gate::FormOf(bool valid, Entry const& entry) {
   if (!valid) return Form::kPassword;
   switch (entry.get_protect_type()) {
@@ -439,7 +433,10 @@ Form Gate::FormOf(bool valid, Entry const& entry) {
   }
 }
 
-Page Gate::FormPage(Form form) const {
+Page Gate::FormPage() const {
+  Entry entry;
+  bool const valid = LoadValidEntry(entry);
+  Form const form = FormOf(valid, entry);
   Page page;
   page.form = form;
   page.action = LinkUrl();
@@ -463,8 +460,7 @@ Page Gate::FormPage(Form form) const {
   // shows its title and description, as its own page does after one press.
   page.preview_title = page.title;
   page.preview_description = page.lead.front();
-  Entry entry;
-  if (form == Form::kOpen && LoadValidEntry(entry)) {
+  if (form == Form::kOpen) {
     Json::Value const app = entry.get_app();
     page.preview_title = LinkTitle(entry, app);
     std::string const description = AppText(app, "description");
@@ -537,20 +533,20 @@ Reply Gate::HandleGet() {
         page.lead.push_back(TR("The person who shared it has ended it, or its time is over."));
         return Show(page);
       case KOVA_CHECK_ADDRESS_CHANGED:
-        page = FormPage(FormFor());
+        page = FormPage();
         page.notice =
             TR("Your network address has changed since you opened this link. Please "
                "open it again.");
         return Show(page);
       case KOVA_CHECK_ACCOUNT_REFUSED:
-        page = FormPage(FormFor());
+        page = FormPage();
         page.notice = TR("Please sign in again.");
         return Show(page);
       default:  // no session, no token for this link, or either ran out
         break;
     }
   }
-  page = FormPage(FormFor());
+  page = FormPage();
   if (logged_out) page.notice = TR("You have logged out.");
   return Show(page);
 }
