@@ -8,6 +8,9 @@
 
 #include <kova_identity.h>
 #include <stdint.h>
+#include <unistd.h>
+
+#include <optional>
 
 namespace KOVA {
 namespace sharing {
@@ -31,6 +34,26 @@ class RunAsScope {
   char const* name_;
   KovaIdentity saved_;  // what the switch saved, for the restore (declared before switched_)
   bool switched_;
+};
+
+// Holds the system account across the database work of a whole visitor call when the caller
+// is root, so that the guard of each statement inside finds it already in place instead of
+// switching and restoring the identity around every statement. Leave() gives the caller its
+// own identity (and the identity lock) back for work that must run as the caller, such as an
+// account login; Enter() takes the system account again. Any other caller works as itself,
+// and the statement guards decide as they always do.
+class SystemSpan {
+ public:
+  SystemSpan() { Enter(); }
+  void Enter() {
+    if (!scope_ && geteuid() == 0) {
+      scope_.emplace(KOVA_SYSTEM_UID, KOVA_SYSTEM_GID, __FILE__, __LINE__, "SystemSpan");
+    }
+  }
+  void Leave() { scope_.reset(); }
+
+ private:
+  std::optional<RunAsScope> scope_;
 };
 
 }  // namespace sharing

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "db/run_as.h"
 #include "kova_autoblock.h"
 #include "kova_cgi.h"
 #include "kova_user.h"
@@ -34,6 +35,7 @@
 
 namespace {
 
+using KOVA::sharing::SystemSpan;
 using KOVA::sharing::db::EntryDBPrivate;
 using KOVA::sharing::db::Lookup;
 using KOVA::sharing::db::SessionDBPrivate;
@@ -102,13 +104,17 @@ int CheckAccountWith(KOVA_CGI_HANDLE& cgi, KOVAUSER*& user, Entry const& entry,
 
 // Is the visitor one of the link's users or in one of its groups? With a user name the
 // account logs in again (and `uid` receives its id); without one, the account `uid` that
-// logged in before is checked.
-int CheckAccount(Entry const& entry, _tag_sharing_login_params const* params, unsigned int& uid) {
+// logged in before is checked. The account login and the user look-ups run as the caller,
+// outside the call's system span.
+int CheckAccount(Entry const& entry, _tag_sharing_login_params const* params, unsigned int& uid,
+                 SystemSpan& span) {
+  span.Leave();
   KOVA_CGI_HANDLE cgi = nullptr;
   KOVAUSER* user = nullptr;
   int const result = CheckAccountWith(cgi, user, entry, params, uid);
   KovaCgiFree(cgi);
   if (user != nullptr) KOVAUserFree(user);
+  span.Enter();
   return result;
 }
 
@@ -161,7 +167,7 @@ std::map<std::string, std::string> CheckedFields(Entry const& entry) {
 // (for an account link `uid` receives the account); otherwise the login's refusal, counted as
 // a failed login where it is a guess.
 int CheckProtection(Entry const& entry, _tag_sharing_login_params const* params, bool quiet,
-                    char const* address, unsigned int& uid) {
+                    char const* address, unsigned int& uid, SystemSpan& span) {
   switch (entry.get_protect_type()) {
     case Entry::PROTECT_PASSWORD: {
       int code = 1;
@@ -174,7 +180,7 @@ int CheckProtection(Entry const& entry, _tag_sharing_login_params const* params,
       return code;
     }
     case Entry::PROTECT_USER: {
-      int const result = CheckAccount(entry, params, uid);
+      int const result = CheckAccount(entry, params, uid, span);
       if (result == kAccountOk) return 1;
       if (result == kAccountNotAllowed) {
         // A quiet caller probes several accounts on purpose; that is no attack.
@@ -228,41 +234,64 @@ Counted CountUse(SharingDB& sdb, EntryDBPrivate& entry_db, std::string const& ha
 // how often one login does so before it gives up.
 int const kMaxRounds = 4;
 
+// The address's attempt (kova_autoblock.h): taken before the address is judged and held
+// until the credentials are judged and a failure counted, so that parallel guesses from one
+// address cannot pass the limit. A login whose credentials passed lets it go at once: nothing
+// after that counts a failure, and visitors behind one address then wait only for each
+// other's checks, not for each other's writes.
+class Attempt {
+ public:
+  explicit Attempt(char const* address) : address_(address) {}
+  ~Attempt() { Done(); }
+  Attempt(Attempt const&) = delete;
+  Attempt& operator=(Attempt const&) = delete;
+
+  // Takes the attempt and judges the address; false when it is refused as blocked (also when
+  // earlier attempts keep it waiting too long).
+  bool Begin() {
+    int const taken = KovaCgiAttemptBegin(address_);
+    held_ = taken == 1;
+    if (taken != 0 && KovaCgiIsDeniedIP(address_) != 1) return true;
+    KOVA_LOG(kSource, __LINE__, "KovaAutoBlockIsDeniedIP %s", address_);
+    return false;
+  }
+  void Done() {
+    if (held_) KovaCgiAttemptDone();
+    held_ = false;
+  }
+
+ private:
+  char const* address_;
+  bool held_ = false;
+};
+
 int Login(std::string& session_id, _tag_sharing_login_params const* params, bool quiet) {
   SharingDB& sdb = SharingDB::Instance();
-  EntryDBPrivate entry_db(sdb);
   if (params == nullptr || !sdb.IsGood() || params->hash == nullptr) return -4;
 
   char address[kAddressSize];
   memset(address, 0, sizeof address);
   if (KovaCgiGetRemoteIP(address, sizeof address) < 0) return -4;
-  // The address's attempt lasts until the login returns: a failure is counted before the
-  // next attempt from the same address is judged. An address whose earlier attempts keep it
-  // waiting too long is refused as blocked.
-  int const attempt = KovaCgiAttemptBegin(address);
-  struct AttemptEnd {
-    bool held;
-    ~AttemptEnd() {
-      if (held) KovaCgiAttemptDone();
-    }
-  } const attempt_end{attempt == 1};
-  if (attempt == 0 || KovaCgiIsDeniedIP(address) == 1) {
-    KOVA_LOG(kSource, __LINE__, "KovaAutoBlockIsDeniedIP %s", address);
-    return -8;
-  }
+  Attempt attempt(address);
+  if (!attempt.Begin()) return -8;
 
+  SystemSpan span;  // declared before the stores: they go, and fold the log, inside it
+  EntryDBPrivate entry_db(sdb);
   std::string const hash = params->hash;
   Entry entry;
   Lookup found = entry_db.FindByHash(hash, entry);
   unsigned int uid = KOVA::sharing::UID_ERR;
   for (int round = 1;; ++round) {
+    // An entry that changed under the login is judged again under a new attempt.
+    if (round > 1 && !attempt.Begin()) return -8;
     // A failed read is no answer about the link: the visitor gets an internal failure, never
     // "no such link".
     if (found == Lookup::kFailed) return -4;
     if (found == Lookup::kAbsent || !entry.IsValid()) return -3;
     if (UsedUp(entry)) return -11;
-    int const code = CheckProtection(entry, params, quiet, address, uid);
+    int const code = CheckProtection(entry, params, quiet, address, uid, span);
     if (code != 1) return code;
+    attempt.Done();
     // The use is counted before the session is made: a login that fails from here on has
     // still used the link.
     Counted const counted = CountUse(sdb, entry_db, hash, entry, found);
@@ -294,6 +323,7 @@ int Login(std::string& session_id, _tag_sharing_login_params const* params, bool
 
 int IsAuthorized(_tag_sharing_login_params const* params) {
   SharingDB& sdb = SharingDB::Instance();
+  SystemSpan span;
   SessionDBPrivate session_db(sdb);
   TokenDBPrivate token_db(sdb);
   EntryDBPrivate entry_db(sdb);
@@ -346,7 +376,7 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
 
   if (entry.get_protect_type() == Entry::PROTECT_USER) {
     unsigned int uid = session.get_uid();
-    if (CheckAccount(entry, params, uid) != kAccountOk) {
+    if (CheckAccount(entry, params, uid, span) != kAccountOk) {
       KOVA_LOG(kSource, __LINE__, "user login error");
       return -2;
     }
@@ -377,6 +407,7 @@ int IsAuthorized(_tag_sharing_login_params const* params) {
 
 int Logout(std::string const& hash, std::string const& session_id) {
   SharingDB& sdb = SharingDB::Instance();
+  SystemSpan span;
   EntryDBPrivate entry_db(sdb);
   SessionDBPrivate session_db(sdb);
   TokenDBPrivate token_db(sdb);
@@ -403,6 +434,7 @@ int Logout(std::string const& hash, std::string const& session_id) {
 // same moment by other processes are all kept.
 int IncreaseUseCount(std::string const& hash) {
   SharingDB& sdb = SharingDB::Instance();
+  SystemSpan span;
   EntryDBPrivate entry_db(sdb);
   if (!sdb.IsGood()) return 0;
   WriteTransaction transaction(sdb);
