@@ -16,6 +16,8 @@
 #include <unistd.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "busy_wait.h"
 #include "keep_wal.h"
@@ -131,15 +133,19 @@ sqlite3* Open() {
 // only user, creating and removing its log files) costs far more than the statement run on
 // it, and processes opening and closing it all the time keep waiting on each other's locks.
 // A forked child leaves its parent's connection alone and opens its own; a store that was
-// moved or deleted since is opened again.
+// moved or deleted since is opened again. The statements of the calls below are prepared once
+// per connection and kept with it, as parsing them cost more than running them.
 class Store {
  public:
   ~Store() {
-    if (db_ != nullptr && pid_ == getpid()) sqlite3_close(db_);
+    if (db_ != nullptr && pid_ == getpid()) Drop();
   }
   // The connection for this call, or null; the caller holds the system identity.
   sqlite3* Acquire() {
-    if (db_ != nullptr && pid_ != getpid()) db_ = nullptr;  // the parent's: never touched
+    if (db_ != nullptr && pid_ != getpid()) {  // the parent's: never touched
+      db_ = nullptr;
+      statements_.clear();
+    }
     if (db_ != nullptr) {
       int moved = 0;
       if (sqlite3_file_control(db_, "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
@@ -154,13 +160,30 @@ class Store {
   }
   // After a failed statement the connection is not trusted again.
   void Drop() {
+    for (auto const& kept : statements_) sqlite3_finalize(kept.second);
+    statements_.clear();
     sqlite3_close(db_);
     db_ = nullptr;
+  }
+  // `sql` prepared on the acquired connection, ready to be bound; null (and logged) when it
+  // cannot be prepared. The caller resets it after use.
+  sqlite3_stmt* Statement(char const* sql) {
+    for (auto const& kept : statements_) {
+      if (kept.first == sql) return kept.second;
+    }
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt, nullptr) != SQLITE_OK) {
+      KOVA_LOG_PID(kSource, __LINE__, "prepare failed: %s", sqlite3_errmsg(db_));
+      return nullptr;
+    }
+    statements_.emplace_back(sql, stmt);
+    return stmt;
   }
 
  private:
   sqlite3* db_ = nullptr;
   pid_t pid_ = 0;
+  std::vector<std::pair<std::string, sqlite3_stmt*>> statements_;
 };
 
 Store g_store;
@@ -253,14 +276,12 @@ class AttemptLock {
 AttemptLock g_attempt;
 
 // Runs one statement with text and number parameters bound in order; for a query, the first
-// column of the first row goes to *count.
+// column of the first row goes to *count. The statement is reset at once: a query left open
+// would hold its snapshot of the log.
 bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
          sqlite3_int64 number, long long* count) {
-  sqlite3_stmt* stmt = nullptr;
-  if (sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) != SQLITE_OK) {
-    KOVA_LOG_PID(kSource, __LINE__, "prepare failed: %s", sqlite3_errmsg(db));
-    return false;
-  }
+  sqlite3_stmt* stmt = g_store.Statement(sql);
+  if (stmt == nullptr) return false;
   int index = 1;
   for (int i = 0; i < text_count; ++i, ++index) {
     sqlite3_bind_text(stmt, index, texts[i].c_str(), static_cast<int>(texts[i].size()),
@@ -273,7 +294,7 @@ bool Run(sqlite3* db, char const* sql, std::string const* texts, int text_count,
   if (!ok) {
     KOVA_LOG_PID(kSource, __LINE__, "statement failed: %s", sqlite3_errmsg(db));
   }
-  sqlite3_finalize(stmt);
+  sqlite3_reset(stmt);
   return ok;
 }
 
