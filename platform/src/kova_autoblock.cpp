@@ -32,8 +32,7 @@ using kova::SystemIdentity;
 // The address as counted: IPv4 as itself (also when written IPv4-mapped), IPv6 as its /64
 // prefix, since one host usually holds a whole /64 and could rotate through it. Empty when
 // `ip` is not an address.
-std::string AddressKey(char const* ip) {
-  if (ip == nullptr || strnlen(ip, INET6_ADDRSTRLEN) >= INET6_ADDRSTRLEN) return std::string();
+std::string AddressKeyOf(char const* ip) {
   unsigned char raw[sizeof(struct in6_addr)];
   char text[INET6_ADDRSTRLEN];
   if (inet_pton(AF_INET, ip, raw) == 1) {
@@ -49,6 +48,17 @@ std::string AddressKey(char const* ip) {
   memset(raw + 8, 0, 8);
   if (inet_ntop(AF_INET6, raw, text, sizeof text) == nullptr) return std::string();
   return std::string(text) + "/64";
+}
+
+// A login asks for the key of one address several times; the last one is kept per thread.
+std::string AddressKey(char const* ip) {
+  if (ip == nullptr || strnlen(ip, INET6_ADDRSTRLEN) >= INET6_ADDRSTRLEN) return std::string();
+  thread_local std::string last_ip, last_key;
+  if (last_ip != ip) {
+    last_key = AddressKeyOf(ip);
+    last_ip = ip;
+  }
+  return last_key;
 }
 
 // mkdir -p of the directories above the store, then the store's own directory for the system

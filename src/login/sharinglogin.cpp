@@ -272,10 +272,9 @@ int Login(std::string& session_id, _tag_sharing_login_params const* params, bool
   char address[kAddressSize];
   memset(address, 0, sizeof address);
   if (KovaCgiGetRemoteIP(address, sizeof address) < 0) return -4;
+  SystemSpan span;  // declared before the stores: they go, and fold the log, inside it
   Attempt attempt(address);
   if (!attempt.Begin()) return -8;
-
-  SystemSpan span;  // declared before the stores: they go, and fold the log, inside it
   EntryDBPrivate entry_db(sdb);
   std::string const hash = params->hash;
   Entry entry;

@@ -22,6 +22,16 @@ namespace {
 // that only checks a visitor's authorization never hashes a password, and would otherwise
 // pay for loading libgcrypt and libgpg-error on every request. The number is libgcrypt's
 // interface version, the one the library is built against.
+// Writes `size` bytes as 2 * `size` lower-case hex digits and a terminating 0 into `text`.
+void WriteHex(unsigned char const* bytes, size_t size, char* text) {
+  static char const kDigits[] = "0123456789abcdef";
+  for (size_t i = 0; i < size; ++i) {
+    text[2 * i] = kDigits[bytes[i] >> 4];
+    text[2 * i + 1] = kDigits[bytes[i] & 15];
+  }
+  text[2 * size] = '\0';
+}
+
 struct Sha1Calls {
   decltype(&gcry_control) control = nullptr;
   decltype(&gcry_md_get_algo_dlen) algo_dlen = nullptr;
@@ -58,10 +68,7 @@ bool Sha1WithSaltHashPassword(std::string const& password, std::string const& sa
   if (text == nullptr) return false;
   unsigned char digest[64];
   sha1->hash_buffer(GCRY_MD_SHA1, digest, input.data(), input.size());
-  for (unsigned int i = 0; i < len; ++i) {
-    snprintf(text + static_cast<size_t>(i) * 2, 3, "%02x", digest[i]);
-  }
-  text[static_cast<size_t>(len) * 2] = '\0';
+  WriteHex(digest, len, text);
   out = text;
   free(text);
   return true;
@@ -110,10 +117,8 @@ bool MD5HashPassword(std::string const& password, std::string& out) {
   if (md5->init(&ctx) < 1) return false;
   if (md5->update(&ctx, password.data(), password.size()) < 1) return false;
   if (md5->final(digest, &ctx) < 1) return false;
-  char text[33] = {};
-  for (size_t i = 0; i < MD5_DIGEST_LENGTH; ++i) {
-    snprintf(text + i * 2, 3, "%02x", digest[i]);
-  }
+  char text[MD5_DIGEST_LENGTH * 2 + 1];
+  WriteHex(digest, MD5_DIGEST_LENGTH, text);
   out = text;
   return true;
 }
