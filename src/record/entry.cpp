@@ -324,10 +324,20 @@ bool EntryPrivate::FromRow(db::Row const& row) {
   use_count_ = row.GetField(SZK_USE_COUNT).AsInt(0);
   auto_gc_ = 0 != row.GetField(SZK_AUTO_GC).AsInt(1);
 
+  // The decoded data of the last row read is kept per thread: visitors of one link read the
+  // same text again and again, and decoding it cost more than the rest of the row.
   std::string const text = row.GetField(SZK_DATA).AsString("");
-  Json::Value data;
-  Json::Reader reader;
-  if (!reader.parse(text, data, true)) return false;
+  thread_local std::string last_text;  // empty while last_data belongs to no text
+  thread_local Json::Value last_data;
+  if (text.empty() || text != last_text) {
+    Json::Value parsed;
+    Json::Reader reader;
+    if (!reader.parse(text, parsed, true)) return false;
+    last_text.clear();
+    last_data.swap(parsed);
+    last_text = text;
+  }
+  Json::Value const& data = last_data;
   // Only an object (or null, where every member is missing) has members to read.
   if (!data.isObject() && !data.isNull()) return false;
 
