@@ -40,6 +40,17 @@ int SaveGroups(gid_t gid) {
   return 1;
 }
 
+// The ids the latest switch that is still in force set, so that a switch to the same ids inside
+// it, and its restore, cost no system call. Read and written only under the lock, and forgotten
+// by every restore that changes ids: the caller's own code may change them once the lock is
+// free.
+struct Known {
+  bool valid;
+  uid_t uid;
+  gid_t gid;
+};
+Known g_known = {false, 0, 0};
+
 // Puts back the latest saved groups (forgotten all the same when they cannot be set).
 bool RestoreGroups() {
   if (SavedGroups().empty()) return false;
@@ -56,6 +67,11 @@ void KovaIdentityLock(void) { Lock().lock(); }
 void KovaIdentityUnlock(void) { Lock().unlock(); }
 
 int KovaIdentitySwitch(uid_t uid, gid_t gid, KovaIdentity* saved) {
+  if (g_known.valid && g_known.uid == uid && g_known.gid == gid) {
+    *saved = {uid, gid, 0};
+    return 1;
+  }
+  g_known.valid = false;  // until this switch is known to have succeeded
   saved->uid = geteuid();
   saved->gid = getegid();
   saved->groups_saved = 0;
@@ -69,7 +85,10 @@ int KovaIdentitySwitch(uid_t uid, gid_t gid, KovaIdentity* saved) {
   }
   ok = ok && (getegid() == gid || setresgid(-1, gid, -1) == 0);
   ok = ok && (geteuid() == uid || setresuid(-1, uid, -1) == 0);
-  if (ok) return 1;
+  if (ok) {
+    g_known = {true, uid, gid};
+    return 1;
+  }
   // Still root whenever the groups were replaced: they go back at once.
   if (saved->groups_saved && geteuid() == 0) {
     RestoreGroups();
@@ -79,6 +98,11 @@ int KovaIdentitySwitch(uid_t uid, gid_t gid, KovaIdentity* saved) {
 }
 
 int KovaIdentityRestore(KovaIdentity* saved) {
+  if (g_known.valid && g_known.uid == saved->uid && g_known.gid == saved->gid &&
+      !saved->groups_saved) {
+    return 1;  // a switch inside one to the same ids: nothing was changed
+  }
+  g_known.valid = false;
   uid_t const uid = geteuid();
   if (uid == saved->uid && getegid() == saved->gid && !saved->groups_saved) return 1;
   if (saved->uid != uid && uid != 0 && setresuid(-1, 0, -1) != 0) return 0;

@@ -26,12 +26,10 @@ std::string BaseName(char const* file) {
 
 // The identity lock is held from before the identity is saved until it is restored.
 RunAsScope::RunAsScope(uint32_t uid, uint32_t gid, char const* file, int line, char const* name)
-    : saved_uid_((KovaIdentityLock(), geteuid())),
-      saved_gid_(getegid()),
-      file_(file),
+    : file_(file),
       line_(line),
       name_(name),
-      switched_(KovaIdentitySwitch(uid, gid, &saved_) == 1) {
+      switched_((KovaIdentityLock(), KovaIdentitySwitch(uid, gid, &saved_) == 1)) {
   if (!switched_) {
     syslog(LOG_AUTH | LOG_ERR, "%s:%d ERROR: %s(%d, %d)", BaseName(file_).c_str(), line_, name_,
            static_cast<int>(uid), static_cast<int>(gid));
@@ -42,7 +40,7 @@ RunAsScope::RunAsScope(uint32_t uid, uint32_t gid, char const* file, int line, c
 RunAsScope::~RunAsScope() {
   if (KovaIdentityRestore(&saved_) != 1) {
     syslog(LOG_AUTH | LOG_CRIT, "%s:%d ERROR: ~%s(%d, %d)", BaseName(file_).c_str(), line_, name_,
-           static_cast<int>(saved_uid_), static_cast<int>(saved_gid_));
+           static_cast<int>(saved_.uid), static_cast<int>(saved_.gid));
   }
   KovaIdentityUnlock();
 }

@@ -27,8 +27,6 @@ class RunAsScope {
   bool IsSwitched() const { return switched_; }
 
  private:
-  uint32_t saved_uid_;
-  uint32_t saved_gid_;
   char const* file_;
   int line_;
   char const* name_;

@@ -86,6 +86,35 @@ TEST(RunAs, SwitchesAndAlwaysRestores) {
               std::string const inside = Guarded();
               return inside + " " + Ids();
             }));
+  // Guards inside a guard: the same ids change nothing, other ids are undone to the outer
+  // ones, also when their switch fails half-way (root regained, the groups refused).
+  EXPECT_EQ("1 1:1 | 1 0:0 | 1:1 1 1:1 | 0:0 | 0 1:1 | 0:1", ChildText([] {
+              std::string seen;
+              {
+                IF_RUN_AS(1, 1);
+                seen = Guarded() + " | ";
+                {
+                  IF_RUN_AS(0, 0);
+                  seen += std::to_string(run_as_scope.IsSwitched()) + " " + Ids() + " | ";
+                }
+                seen += Ids() + " " + Guarded() + " | ";
+              }
+              seen += Ids() + " | ";
+              {
+                IF_RUN_AS(1, 1);
+                __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+                __user_cap_data_struct data[2] = {};
+                if (syscall(SYS_capget, &header, data) != 0) return "no set-up"s;
+                data[0].permitted &= ~(1u << CAP_SETGID);
+                if (syscall(SYS_capset, &header, data) != 0) return "no set-up"s;
+                {
+                  IF_RUN_AS(0, 0);
+                  seen += std::to_string(run_as_scope.IsSwitched());
+                }
+                seen += " " + Ids() + " | ";
+              }
+              return seen + Ids();
+            }));
   // Root given up for good inside the guard: leaving it cannot restore uid 0, and says so.
   EXPECT_EQ("1:1 crit: db_test:# ERROR: ~IF_RUN_AS(0, 0)", ChildText([] {
               {
