@@ -1,6 +1,7 @@
 // Differential: every conversion of a column's text against the standard string stream it
 // must read exactly like (classic locale, the stream reloaded before each conversion with its
-// state flags kept), on arbitrary text and on two conversions in a row of the same field.
+// state flags kept), on arbitrary text and on two conversions in a row of the same field;
+// and the numbers the records write, against a default-formatted stream in the classic locale.
 #include <stdint.h>
 
 #include <cstring>
@@ -10,11 +11,21 @@
 
 #include "fuzz_input.h"
 #include "kovasharing/result.h"
+#include "kovasharing/utils.h"
 
 namespace {
 
 char const kTarget[] = "field";
 using KOVA::sharing::db::Field;
+
+// The text a default-formatted stream in the classic locale writes for `value`.
+template <class T>
+std::string Written(T value) {
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());
+  stream << value;
+  return stream.str();
+}
 
 // The reading a field must match: one stream per field, reloaded before every conversion.
 class Reference {
@@ -70,7 +81,16 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   kovafuzz::Input input(data, size);
   int32_t const seed = input.I32();
   int const kinds = static_cast<int>(static_cast<uint32_t>(input.I32()) % 16);
+
+  int const number = seed;
+  long const wide = static_cast<long>(static_cast<uint64_t>(static_cast<uint32_t>(seed)) << 32 |
+                                      static_cast<uint32_t>(input.I32()));
   std::string const text = input.Rest();
+  if (KOVA::sharing::ToString<int const>(number) != Written(number) ||
+      KOVA::sharing::ToString<long const>(wide) != Written(wide)) {
+    kovafuzz::Fail(kTarget, "number written as " + KOVA::sharing::ToString<long const>(wide) +
+                                " instead of " + Written(wide));
+  }
 
   Field field(text);
   Reference reference(text);
