@@ -7,7 +7,7 @@
 //                                         password link and one visitor session
 //   kova_bench inproc ROWS LOGIN OUT ...  Google Benchmark rounds of the in-process figures
 //   kova_bench worker KIND SECS START OUT logs new visitors in until the time is up (KIND:
-//                                         library, library-system, floor, floor-objects)
+//                                         library, library-system, floor)
 //
 // The library's database path is fixed when it is built, so the bench build has a root of its
 // own (scripts/bench makes it); every figure is taken on that one database in the same run.
@@ -67,7 +67,6 @@ struct Concurrency {
   long floor_wal_max = 0, floor_wal_end = 0;     // floor slices
   double system_rate = 0;  // the library in processes that already are the system account
   long system_failed = 0;
-  double objects_rate = 0;     // the floor followed by the library's record work
   unsigned long restarts = 0;  // library run: the log restarted past its bound, and the time
   double restart_ms = 0;       // the processes spent doing so
 };
@@ -258,7 +257,7 @@ int Main(Options const& o) {
     fprintf(stderr, "== %d process(es) logging visitors in, %.1f s each kind\n", n, seconds);
     Concurrency c;
     c.processes = n;
-    double library_logins = 0, floor_logins = 0, system_logins = 0, objects_logins = 0;
+    double library_logins = 0, floor_logins = 0, system_logins = 0;
     for (int i = 0; i < slices; ++i) {
       bool const last = i + 1 == slices;
       double rate = 0;
@@ -281,12 +280,6 @@ int Main(Options const& o) {
         }
         system_logins += rate * slice;
         c.system_failed += failed;
-        if (!Load(o, "floor-objects", n, slice, 0, visitor, rate, failed, busy, wal_max, wal_end,
-                  wal_after, restarts, restart_ms)) {
-          return 1;
-        }
-        objects_logins += rate * slice;
-        c.floor_busy += busy;
       }
       wal_after = 0;
       if (!Load(o, "library", n, slice, last && n == 8 ? settle : 0, visitor, rate, failed, busy,
@@ -304,7 +297,6 @@ int Main(Options const& o) {
     c.library_rate = library_logins / seconds;
     c.floor_rate = floor_logins / seconds;
     c.system_rate = system_logins / seconds;
-    c.objects_rate = objects_logins / seconds;
     loads.push_back(c);
   }
 
@@ -374,10 +366,6 @@ int Main(Options const& o) {
       "library at 8 in processes that already are the system account (no identity "
       "switches): %.1f logins/s, %ld failures\n",
       eight.system_rate, eight.system_failed);
-  printf(
-      "floor followed by the library's record work (a lower bound for the library): %.1f "
-      "logins/s, %.2f x floor\n",
-      eight.objects_rate, eight.floor_rate > 0 ? eight.objects_rate / eight.floor_rate : 0);
   double const elapsed = Now() - t_start;
   printf("\n%s run, %.0f s\n", o.short_run ? "short (no timing may be judged)" : "full", elapsed);
 
@@ -403,7 +391,6 @@ int Main(Options const& o) {
           large["authorize_floor_large"], again["authorize_floor_small"]);
   fprintf(f, "  \"identity_switch_us\": %.3f,\n", guard);
   fprintf(f, "  \"library_at_8_as_system_logins_per_s\": %.1f,\n", eight.system_rate);
-  fprintf(f, "  \"floor_with_record_work_at_8_logins_per_s\": %.1f,\n", eight.objects_rate);
   fprintf(f, "  \"concurrency\": [\n");
   for (size_t i = 0; i < loads.size(); ++i) {
     Concurrency const& c = loads[i];
