@@ -21,5 +21,5 @@ ensure_packages() {
 # ca-certificates lets it reach the registry over TLS.
 BUILD_PACKAGES=(build-essential cmake pkg-config libsqlite3-dev libjsoncpp-dev libssl-dev
   libgcrypt20-dev libpam0g-dev libqrencode-dev gettext libfcgi-dev npm ca-certificates)
-TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper lighttpd chromium curl
-  clang libclang-rt-14-dev libbenchmark-dev)
+TEST_PACKAGES=(googletest libgtest-dev libnss-wrapper libuid-wrapper libpam-wrapper libfcgi-bin
+  lighttpd chromium curl clang libclang-rt-14-dev libbenchmark-dev)

@@ -5,7 +5,6 @@
 #include <json/reader.h>
 #include <kovasharing/kovasharing.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <memory>
@@ -21,35 +20,18 @@ namespace {
 using KOVA::sharing::db::SharingDB;
 using Strings = std::vector<std::string>;
 
-struct Outcome {
-  int status;
-  std::string out, err;
-};
+using kovatest::Outcome;
 
 // Runs the tool with `args` and `input` on its standard input, without pam_wrapper: the tool
 // logs nobody in, and every process that loads it makes a directory under /tmp that others
 // starting at the same moment may fight over.
 Outcome Cli(Strings const& args, std::string const& input = "") {
-  kovatest::TempDir dir;
-  kovatest::WriteFile(dir.File("in"), input);
-  pid_t const pid = fork();
-  if (pid == 0) {
-    std::string const preload = getenv("LD_PRELOAD") ? getenv("LD_PRELOAD") : "";
-    setenv("LD_PRELOAD",
-           std::regex_replace(preload, std::regex("[^:]*pam_wrapper[^:]*"), "").c_str(), 1);
-    std::vector<char*> argv{const_cast<char*>(KOVA_CLI_PROGRAM)};
-    for (auto const& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    if (freopen(dir.File("in").c_str(), "r", stdin) &&
-        freopen(dir.File("out").c_str(), "w", stdout) &&
-        freopen(dir.File("err").c_str(), "w", stderr))
-      execv(KOVA_CLI_PROGRAM, argv.data());
-    _exit(127);
-  }
-  int status = -1;
-  if (pid > 0 && waitpid(pid, &status, 0) == pid)
-    status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return {status, kovatest::ReadFile(dir.File("out")), kovatest::ReadFile(dir.File("err"))};
+  std::string const preload = getenv("LD_PRELOAD") ? getenv("LD_PRELOAD") : "";
+  Strings argv{KOVA_CLI_PROGRAM};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return kovatest::Run(
+      argv, {{"LD_PRELOAD", std::regex_replace(preload, std::regex("[^:]*pam_wrapper[^:]*"), "")}},
+      input);
 }
 
 Json::Value Parse(std::string const& text) {

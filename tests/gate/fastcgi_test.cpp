@@ -1,5 +1,5 @@
 // The gate as a FastCGI server: the supervisor, its login helper and its workers as real
-// processes, driven by a small FastCGI client over the server's socket; and what that server
+// processes, driven through cgi-fcgi over the server's socket; and what that server
 // rests on: the web-request layer's per-request reset and the login helper's questions.
 #include <dirent.h>
 #include <fcntl.h>
@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "gate_client.h"
 #include "kovatest.h"
 
 namespace {
@@ -27,129 +28,9 @@ namespace {
 using KOVA::sharing::db::EntryDB;
 using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
-using Vars = std::map<std::string, std::string>;
-
-// ---------------------------------------------------------------- a FastCGI client
-
-void AddRecord(std::string& out, int type, std::string const& content) {
-  char const head[8] = {1,
-                        static_cast<char>(type),
-                        0,
-                        1,
-                        static_cast<char>(content.size() >> 8),
-                        static_cast<char>(content.size() & 0xff),
-                        0,
-                        0};
-  out.append(head, 8).append(content);
-}
-
-std::string NameValueLength(size_t n) {
-  if (n < 128) return std::string(1, static_cast<char>(n));
-  return {static_cast<char>(0x80 | (n >> 24)), static_cast<char>(n >> 16),
-          static_cast<char>(n >> 8), static_cast<char>(n)};
-}
-
-bool ReadAll(int fd, char* buf, size_t size) {
-  for (size_t got = 0; got < size;) {
-    ssize_t const n = read(fd, buf + got, size - got);
-    if (n <= 0) return false;
-    got += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-struct Response {
-  int status = 0;
-  std::vector<std::string> headers;
-  std::string body;
-  bool Has(std::string const& text) const { return body.find(text) != std::string::npos; }
-  std::string Header(std::string const& name) const {
-    for (auto const& line : headers) {
-      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
-    }
-    return "";
-  }
-};
-
-// One request of the responder role; the CGI response it gets.
-Response FastCgi(std::string const& socket_path, Vars const& params, std::string const& body) {
-  std::string out;
-  AddRecord(out, 1, std::string("\0\1\0\0\0\0\0\0", 8));  // begin: responder, close after
-  std::string pairs;
-  for (auto const& p : params) {
-    pairs +=
-        NameValueLength(p.first.size()) + NameValueLength(p.second.size()) + p.first + p.second;
-  }
-  AddRecord(out, 4, pairs);
-  AddRecord(out, 4, "");
-  if (!body.empty()) AddRecord(out, 5, body);
-  AddRecord(out, 5, "");
-  int const fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket_path.c_str());
-  Response r;
-  std::string answer;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0 &&
-      write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size())) {
-    unsigned char head[8];
-    while (ReadAll(fd, reinterpret_cast<char*>(head), 8)) {
-      std::string content((head[4] << 8 | head[5]) + head[6], '\0');
-      if (!ReadAll(fd, &content[0], content.size())) break;
-      if (head[1] == 6) answer += content.substr(0, (head[4] << 8 | head[5]));
-      if (head[1] == 3) break;
-    }
-  }
-  close(fd);
-  size_t const end = answer.find("\r\n\r\n");
-  if (end == std::string::npos) {
-    ADD_FAILURE() << "no response: " << answer;
-    return r;
-  }
-  for (size_t pos = 0, eol; pos < end; pos = eol + 2) {
-    eol = answer.find("\r\n", pos);
-    r.headers.push_back(answer.substr(pos, eol - pos));
-  }
-  r.body = answer.substr(end + 4);
-  r.status = atoi(r.Header("Status").c_str());
-  return r;
-}
-
-// A browser at one address that keeps the gate's cookies.
-struct Visitor {
-  explicit Visitor(std::string path) : socket(std::move(path)) {}
-  std::string socket;
-  std::string address = "192.0.2.30";
-  std::map<std::string, std::string> jar;
-
-  Response Send(char const* method, std::string const& hash, std::string const& body = "",
-                bool with_address = true, Vars const& extra = {}) {
-    Vars vars = {{"GATEWAY_INTERFACE", "CGI/1.1"},
-                 {"REQUEST_METHOD", method},
-                 {"SCRIPT_NAME", "/share"},
-                 {"HTTP_HOST", "gate.test"},
-                 {"QUERY_STRING", "sharing_id=" + hash}};
-    if (with_address) vars["REMOTE_ADDR"] = address;
-    if (*method == 'P') {
-      vars["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
-      vars["CONTENT_LENGTH"] = std::to_string(body.size());
-    }
-    for (auto const& c : jar) vars["HTTP_COOKIE"] += c.first + "=" + c.second + "; ";
-    for (auto const& v : extra) vars[v.first] = v.second;
-    Response r = FastCgi(socket, vars, body);
-    static std::regex const cookie("^Set-Cookie: ([^=]+)=([^;]*);");
-    for (auto const& line : r.headers) {
-      std::smatch m;
-      if (!std::regex_search(line, m, cookie)) continue;
-      if (line.find("Max-Age=0") != std::string::npos) {
-        jar.erase(m[1]);
-      } else {
-        jar[m[1]] = m[2];
-      }
-    }
-    return r;
-  }
-};
+using kovatest::Env;
+using kovatest::Response;
+using kovatest::Visitor;
 
 // ---------------------------------------------------------------- processes
 
@@ -295,21 +176,21 @@ TEST_F(FastCgiTest, WorkersRunAsTheSystemAccountAndVisitorsLogIn) {
   for (auto const& walk : walks) {
     std::string const hash = Link(walk.type);
     SCOPED_TRACE(walk.right);
-    Visitor visitor{server.socket()};
-    Response r = visitor.Send("GET", hash);
+    Visitor visitor = Visitor::FastCgi(server.socket());
+    Response r = visitor.Get(hash);
     EXPECT_EQ(200, r.status);
     EXPECT_TRUE(r.Has(walk.form_field));
-    EXPECT_EQ(403, visitor.Send("POST", hash, walk.wrong).status);
+    EXPECT_EQ(403, visitor.Post(hash, walk.wrong).status);
     EXPECT_TRUE(visitor.jar.empty());
-    r = visitor.Send("POST", hash, walk.right);
+    r = visitor.Post(hash, walk.right);
     EXPECT_EQ(303, r.status);
     ASSERT_EQ(1u, visitor.jar.count("sharing_sid_" + hash));
-    r = visitor.Send("GET", hash);
+    r = visitor.Get(hash);
     EXPECT_EQ(200, r.status);
     EXPECT_TRUE(r.Has("Holiday pictures"));
-    EXPECT_EQ(303, visitor.Send("POST", hash, "action=logout").status);
+    EXPECT_EQ(303, visitor.Post(hash, "action=logout").status);
     EXPECT_TRUE(visitor.jar.empty());
-    EXPECT_TRUE(visitor.Send("GET", hash).Has(walk.form_field));
+    EXPECT_TRUE(visitor.Get(hash).Has(walk.form_field));
   }
 }
 
@@ -318,24 +199,24 @@ TEST_F(FastCgiTest, WorkersRunAsTheSystemAccountAndVisitorsLogIn) {
 TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
   Server server(1, true, true);  // its socket from socket activation
   std::string const hash = Link(Entry::PROTECT_PASSWORD);
-  Visitor visitor{server.socket()};
-  ASSERT_EQ(303, visitor.Send("POST", hash, "password=open+sesame").status);
-  ASSERT_TRUE(visitor.Send("GET", hash).Has("Holiday pictures"));
-  Visitor stranger{server.socket()};
-  EXPECT_EQ(403, stranger.Send("POST", hash, "").status) << "the earlier body is gone";
-  EXPECT_TRUE(stranger.Send("GET", hash).Has("name=\"password\"")) << "so are its cookies";
+  Visitor visitor = Visitor::FastCgi(server.socket());
+  ASSERT_EQ(303, visitor.Post(hash, "password=open+sesame").status);
+  ASSERT_TRUE(visitor.Get(hash).Has("Holiday pictures"));
+  Visitor stranger = Visitor::FastCgi(server.socket());
+  EXPECT_EQ(403, stranger.Post(hash, "").status) << "the earlier body is gone";
+  EXPECT_TRUE(stranger.Get(hash).Has("name=\"password\"")) << "so are its cookies";
   // Nor what the gate made of one: HTTPS learnt from a trusted proxy, a chosen language.
-  Vars const proxied = {{"KOVASHARING_GATE_TRUSTED_PROXIES", "192.0.2.30"},
-                        {"HTTP_X_FORWARDED_PROTO", "https"},
-                        {"HTTP_ACCEPT_LANGUAGE", "de"}};
-  Visitor behind_proxy{server.socket()}, plain{server.socket()};
-  Response r = behind_proxy.Send("POST", hash, "password=open+sesame", true, proxied);
+  Env const proxied = {{"KOVASHARING_GATE_TRUSTED_PROXIES", "192.0.2.30"},
+                       {"HTTP_X_FORWARDED_PROTO", "https"},
+                       {"HTTP_ORIGIN", "https://gate.test"},
+                       {"HTTP_ACCEPT_LANGUAGE", "de"}};
+  Visitor behind_proxy = Visitor::FastCgi(server.socket());
+  Visitor plain = Visitor::FastCgi(server.socket());
+  Response r = behind_proxy.Post(hash, "password=open+sesame", proxied);
   EXPECT_EQ(0u, r.Header("Set-Cookie").find("__Host-sharing_sid_")) << r.Header("Set-Cookie");
-  EXPECT_TRUE(behind_proxy.Send("GET", hash, "", true, proxied).Has("<html lang=\"de\">"));
-  EXPECT_EQ(
-      0u,
-      plain.Send("POST", hash, "password=open+sesame").Header("Set-Cookie").find("sharing_sid_"));
-  EXPECT_TRUE(plain.Send("GET", hash).Has("<html lang=\"en\">"));
+  EXPECT_TRUE(behind_proxy.Send("GET", hash, "", proxied).Has("<html lang=\"de\">"));
+  EXPECT_EQ(0u, plain.Post(hash, "password=open+sesame").Header("Set-Cookie").find("sharing_sid_"));
+  EXPECT_TRUE(plain.Get(hash).Has("<html lang=\"en\">"));
 
   std::vector<pid_t> const before = server.Workers();
   ASSERT_EQ(1u, before.size());
@@ -343,10 +224,11 @@ TEST_F(FastCgiTest, OneWorkerForgetsEachRequestAndIsReplacedWhenKilled) {
   ASSERT_TRUE(server.WaitForWorkers(1, before[0]));
   EXPECT_NE(std::string::npos,
             server.Err().find("worker " + std::to_string(before[0]) + " ended by signal 9"));
-  EXPECT_TRUE(visitor.Send("GET", hash).Has("Holiday pictures"));
+  EXPECT_TRUE(visitor.Get(hash).Has("Holiday pictures"));
 
   std::string const err = server.Err();
-  EXPECT_EQ(500, visitor.Send("GET", hash, "", false).status);  // no client address
+  visitor.address = "";  // no client address
+  EXPECT_EQ(500, visitor.Get(hash).status);
   EXPECT_EQ(err + "kovasharing-gate: authorization check failed\n", server.Err());
 }
 
@@ -367,28 +249,15 @@ TEST_F(FastCgiTest, AWorkerWithoutItsDatabaseEndsAndAnotherTakesOver) {
     ++ended;
   EXPECT_TRUE(ended >= 2 && ended <= 4) << err;
   EXPECT_NE(std::string::npos, err.find("kovasharing-gate: worker ends: database not usable\n"));
-  EXPECT_TRUE(Visitor(server.socket()).Send("GET", hash).Has("name=\"password\""));
+  EXPECT_TRUE(Visitor::FastCgi(server.socket()).Get(hash).Has("name=\"password\""));
 }
 
 // A CGI request whose query words arrive as arguments is answered as one, never as a command.
 TEST(GateCgi, ArgumentsOfACgiRequestAreNoOptions) {
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  pid_t const pid = fork();
-  if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
-    setenv("GATEWAY_INTERFACE", "CGI/1.1", 1);
-    setenv("REQUEST_METHOD", "GET", 1);
-    setenv("QUERY_STRING", "--fastcgi", 1);
-    execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, "--fastcgi", static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  close(fds[1]);
-  char buf[64] = {};
-  ASSERT_TRUE(ReadAll(fds[0], buf, 12));
-  close(fds[0]);
-  waitpid(pid, nullptr, 0);
-  EXPECT_EQ("Status: 404 ", std::string(buf));
+  kovatest::Outcome const run = kovatest::Run(
+      {KOVA_GATE_BINARY, "--fastcgi"},
+      {{"GATEWAY_INTERFACE", "CGI/1.1"}, {"REQUEST_METHOD", "GET"}, {"QUERY_STRING", "--fastcgi"}});
+  EXPECT_EQ(0u, run.out.find("Status: 404 ")) << run.out;
 }
 
 // ---------------------------------------------------------------- the parts beneath

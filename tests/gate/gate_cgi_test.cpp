@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "gate_client.h"
 #include "kovatest.h"
 
 namespace {
@@ -25,114 +26,9 @@ namespace {
 using KOVA::sharing::db::EntryDB;
 using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
-using Env = std::map<std::string, std::string>;
-
-struct Response {
-  int status = 0;
-  std::vector<std::string> headers;
-  std::string body, err;  // err: what the gate wrote to standard error
-
-  std::string Header(std::string const& name) const {
-    for (auto const& line : headers) {
-      if (line.compare(0, name.size() + 2, name + ": ") == 0) return line.substr(name.size() + 2);
-    }
-    return "";
-  }
-  bool Has(std::string const& text) const { return body.find(text) != std::string::npos; }
-  // The one element the browser focuses (the text of its tag), "" when none or several.
-  std::string Focused() const {
-    size_t const at = body.find(" autofocus");
-    if (at == std::string::npos || body.find(" autofocus", at + 1) != std::string::npos) return "";
-    size_t const open = body.rfind('<', at);
-    return body.substr(open, body.find('>', at) - open);
-  }
-  // Where the landing page's Continue leads ("" when it has none).
-  std::string Next() const {
-    std::smatch m;
-    static std::regex const link("<a class=\"button\" href=\"([^\"]*)\"");
-    return std::regex_search(body, m, link) ? std::regex_replace(m.str(1), std::regex("&amp;"), "&")
-                                            : "";
-  }
-};
-
-// A browser: keeps the cookies the gate sets (dropping those it expires) and sends them back.
-// Each request runs the gate once with the CGI variables of the request (no others), the
-// visitor's `headers` and the body on standard input.
-struct Visitor {
-  explicit Visitor(std::string from = "192.0.2.10", Env sent = {})
-      : address(std::move(from)), headers(std::move(sent)) {}
-  std::string address;
-  Env headers;
-  std::map<std::string, std::string> jar;
-
-  Response Get(std::string const& query) { return Send("GET", query, "", {}); }
-  Response Post(std::string const& query, std::string const& body, Env const& extra = {}) {
-    return Send("POST", query, body, extra);
-  }
-  // The session cookie of `hash`'s link ("" when none).
-  std::string Session(std::string const& hash) const {
-    for (auto const& c : jar) {
-      if (c.first == "sharing_sid_" + hash || c.first == "__Host-sharing_sid_" + hash)
-        return c.second;
-    }
-    return "";
-  }
-  Response Send(char const* method, std::string const& query, std::string const& body,
-                Env const& extra) {
-    Env env = {{"REQUEST_METHOD", method},
-               {"SCRIPT_NAME", "/share"},
-               {"HTTP_HOST", "gate.test"},
-               {"REMOTE_ADDR", address},
-               {"QUERY_STRING", "sharing_id=" + query}};
-    if (*method == 'P') {
-      env["CONTENT_TYPE"] = "application/x-www-form-urlencoded";
-      env["CONTENT_LENGTH"] = std::to_string(body.size());
-      env["HTTP_ORIGIN"] = "http://gate.test";
-    }
-    env["HTTP_COOKIE"] = "other=1";
-    for (auto const& c : jar) env["HTTP_COOKIE"] += "; " + c.first + "=" + c.second;
-    for (auto const& var : headers) env[var.first] = var.second;
-    for (auto const& var : extra) env[var.first] = var.second;
-    kovatest::TempDir dir;
-    kovatest::WriteFile(dir.File("in"), body);
-    pid_t const pid = fork();
-    if (pid == 0) {
-      for (auto const& var : env) setenv(var.first.c_str(), var.second.c_str(), 1);
-      if (freopen(dir.File("in").c_str(), "r", stdin) &&
-          freopen(dir.File("out").c_str(), "w", stdout) &&
-          freopen(dir.File("err").c_str(), "w", stderr))
-        execl(KOVA_GATE_BINARY, KOVA_GATE_BINARY, static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "gate exit status " << status;
-    std::string const out = kovatest::ReadFile(dir.File("out"));
-    Response r;
-    size_t const end = out.find("\r\n\r\n");
-    if (end == std::string::npos) {
-      ADD_FAILURE() << "no end of headers in:\n" << out;
-      return r;
-    }
-    static std::regex const cookie("^Set-Cookie: ([^=]+)=([^;]*);");
-    for (size_t pos = 0, eol; pos < end; pos = eol + 2) {
-      eol = out.find("\r\n", pos);
-      std::string const line = out.substr(pos, eol - pos);
-      r.headers.push_back(line);
-      std::smatch m;
-      if (!std::regex_search(line, m, cookie)) continue;
-      if (line.find("; Max-Age=0") != std::string::npos) {
-        jar.erase(m[1]);
-      } else {
-        jar[m[1]] = m[2];
-      }
-    }
-    r.body = out.substr(end + 4);
-    r.err = kovatest::ReadFile(dir.File("err"));
-    r.status = r.Header("Status").empty() ? 0 : std::stoi(r.Header("Status"));
-    return r;
-  }
-};
+using kovatest::Env;
+using kovatest::Response;
+using kovatest::Visitor;
 
 // The page with the hash taken out: what tells two links apart besides their names.
 std::string Without(std::string text, std::string const& hash) {

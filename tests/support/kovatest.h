@@ -3,6 +3,7 @@
 #ifndef KOVATEST_H
 #define KOVATEST_H
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,17 @@ int Shell(std::string const& command);          // for set-up only; the exit sta
 std::string ReadFile(std::string const& path);  // empty when it cannot be read
 void WriteFile(std::string const& path, std::string const& text);
 void RemoveTree(std::string const& path);  // under /tmp only
+
+// A program run as a child with `input` on its standard input. `env` is set over the test's
+// own environment, except that a variable set to kUnset is removed. status: the exit code, 128
+// plus the signal, or 127 when the program did not start.
+struct Outcome {
+  int status;
+  std::string out, err;
+};
+extern char const kUnset[];
+Outcome Run(std::vector<std::string> const& argv,
+            std::map<std::string, std::string> const& env = {}, std::string const& input = "");
 
 }  // namespace kovatest
 

@@ -1,4 +1,5 @@
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -49,6 +50,36 @@ void WriteFile(std::string const& path, std::string const& text) {
 
 void RemoveTree(std::string const& path) {
   if (path.size() > 5 && path.compare(0, 5, "/tmp/") == 0) Shell("rm -rf '" + path + "'");
+}
+
+char const kUnset[] = "\x01unset";
+
+Outcome Run(std::vector<std::string> const& argv, std::map<std::string, std::string> const& env,
+            std::string const& input) {
+  TempDir dir;
+  WriteFile(dir.File("in"), input);
+  pid_t const pid = fork();
+  if (pid == 0) {
+    for (auto const& var : env) {
+      if (var.second == kUnset) {
+        unsetenv(var.first.c_str());
+      } else {
+        setenv(var.first.c_str(), var.second.c_str(), 1);
+      }
+    }
+    std::vector<char*> args;
+    for (auto const& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    if (freopen(dir.File("in").c_str(), "r", stdin) &&
+        freopen(dir.File("out").c_str(), "w", stdout) &&
+        freopen(dir.File("err").c_str(), "w", stderr))
+      execvp(args[0], args.data());
+    _exit(127);
+  }
+  int status = -1;
+  if (pid > 0 && waitpid(pid, &status, 0) == pid)
+    status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return {status, ReadFile(dir.File("out")), ReadFile(dir.File("err"))};
 }
 
 }  // namespace kovatest
