@@ -14,6 +14,7 @@
 
 #include "kova_paths.h"
 #include "kovatest.h"
+#include "kovatest_sharing.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ using KOVA::sharing::db::SharingDB;
 using Strings = std::vector<std::string>;
 
 using kovatest::Outcome;
+using kovatest::Value;
 
 // Runs the tool with `args` and `input` on its standard input, without pam_wrapper: the tool
 // logs nobody in, and every process that loads it makes a directory under /tmp that others
@@ -67,13 +69,6 @@ class CliTest : public ::testing::Test {
   }
   static SharingDB& db() { return SharingDB::Instance(); }
 
-  // The column v of the first row of `sql`, as text.
-  static std::string Value(std::string const& sql) {
-    KOVA::sharing::db::Result result;
-    KOVA::sharing::db::Row row;
-    if (!db().Execute(sql, result) || !result.NextRow(row)) return "<none>";
-    return row.GetField("v").AsString("<null>");
-  }
   static int Rows(char const* table) {
     return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
   }

@@ -73,19 +73,6 @@ TEST(RunAs, SwitchesAndAlwaysRestores) {
       "|auth: base_db:# ERROR: IF_RUN_AS(1, 1)|base_db:# (pid) failed to run as system\n\n";
   EXPECT_EQ("auth: db_test:# ERROR: IF_RUN_AS(1, 1)" + failed + failed, Log());
 
-  // A switch that fails half-way (root regained, then the group refused: no CAP_SETGID) is
-  // undone on leaving.
-  EXPECT_EQ("0 0:0 5:0", ChildText([] {
-              __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-              __user_cap_data_struct data[2] = {};
-              if (syscall(SYS_capget, &header, data) != 0) return "no set-up"s;
-              data[0].effective &= ~(1u << CAP_SETGID);
-              data[0].permitted &= ~(1u << CAP_SETGID);
-              if (syscall(SYS_capset, &header, data) != 0 || setresuid(-1, 5, -1) != 0)
-                return "no set-up"s;
-              std::string const inside = Guarded();
-              return inside + " " + Ids();
-            }));
   // Guards inside a guard: the same ids change nothing, other ids are undone to the outer
   // ones, also when their switch fails half-way (root regained, the groups refused).
   EXPECT_EQ("1 1:1 | 1 0:0 | 1:1 1 1:1 | 0:0 | 0 1:1 | 0:1", ChildText([] {

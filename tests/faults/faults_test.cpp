@@ -153,7 +153,7 @@ class Faults : public VisitorTest {
  protected:
   void SetUp() override {
     VisitorTest::SetUp();
-    hash_ = MakeEntry();
+    hash_ = MakeLink();
     ASSERT_EQ(KOVA_LOGIN_OK, Login(sid_, hash_.c_str()));
     ids_ = kovatest::Ids();
   }
@@ -204,7 +204,7 @@ TEST_F(Faults, FailingWritesLeaveEveryRowAsItWas) {
   Session session;
   ASSERT_TRUE(sessions.GetBySessionId(sid_, session));
   // Rows that the purges would remove.
-  MakeEntry([](Entry& e) { e.set_expire_at(time(nullptr) - 10); });
+  MakeLink([](Entry& e) { e.set_expire_at(time(nullptr) - 10); });
   Exec("INSERT INTO session VALUES (NULL, 'expired-session-id-0123456789abcd', 1, '', 1000)");
   std::vector<Call> calls = VisitorCalls();
   for (auto const& [name, store_call] : std::vector<std::pair<char const*, std::function<bool()>>>{

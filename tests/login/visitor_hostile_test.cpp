@@ -6,8 +6,8 @@
 using namespace visitortest;
 
 TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
-  std::string const open = MakeEntry();
-  std::string const pass = PasswordEntry("pw");
+  std::string const open = MakeLink();
+  std::string const pass = PasswordLink("pw");
   std::string const user = UserEntry({"alice"});
   std::string live, same, out;
   ASSERT_EQ(KOVA_LOGIN_OK, Login(live, open.c_str()));
@@ -72,7 +72,7 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
 
 // A write refused after the checks: no token outlives the failed login, none is mistaken.
 TEST_F(VisitorTest, StoreFailuresAfterTheChecks) {
-  std::string const hash = MakeEntry();
+  std::string const hash = MakeLink();
   std::string sid, first;
   auto const refused = [&](char const* when, char const* session_id) {
     Exec(std::string("CREATE TEMP TRIGGER refuse ") + when +

@@ -16,8 +16,8 @@ TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
   EXPECT_EQ(KOVA_LOGIN_INTERNAL, KOVA::KovaSharingLogin(sid, nullptr, false));
   EXPECT_EQ("untouched", sid);
   EXPECT_EQ(KOVA_LOGIN_INTERNAL, Login(sid, nullptr));
-  std::string const pass = PasswordEntry("s3cret");
-  std::string const md5 = PasswordEntry("md5-pw", Entry::ENCRYPT_ALGO_MD5);
+  std::string const pass = PasswordLink("s3cret");
+  std::string const md5 = PasswordLink("md5-pw", Entry::ENCRYPT_ALGO_MD5);
   std::string const user = UserEntry({"bob"}, {"editors"});  // editors: alice, Dave, carol
   std::string const primary = UserEntry({}, {"users"});      // gus's primary group
   struct {
@@ -28,11 +28,11 @@ TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
   } const cases[] = {
       // Unknown or invalid links: -3, no guess.
       {"nosuchhash", "s3cret", nullptr, nullptr, false, KOVA_LOGIN_NO_LINK, 0},
-      {MakeEntry([](Entry& e) { e.set_enabled(false); }), "x", nullptr, nullptr, false,
+      {MakeLink([](Entry& e) { e.set_enabled(false); }), "x", nullptr, nullptr, false,
        KOVA_LOGIN_NO_LINK, 0},
-      {MakeEntry([](Entry& e) { e.set_start_at(time(nullptr) + 3600); }), "x", nullptr, nullptr,
+      {MakeLink([](Entry& e) { e.set_start_at(time(nullptr) + 3600); }), "x", nullptr, nullptr,
        false, -3, 0},
-      {MakeEntry([](Entry& e) { e.set_expire_at(time(nullptr) - 2); }), "x", nullptr, nullptr,
+      {MakeLink([](Entry& e) { e.set_expire_at(time(nullptr) - 2); }), "x", nullptr, nullptr,
        false, -3, 0},
       // Passwords: none at all (-3) and wrong ones (-9) are guesses; a quiet success keeps them.
       {pass, nullptr, nullptr, nullptr, false, KOVA_LOGIN_NO_LINK, 1},
@@ -90,7 +90,7 @@ TEST_F(VisitorTest, LoginCodesAndCountedFailures) {
 }
 
 TEST_F(VisitorTest, BlockedAddressIsRefusedFirst) {
-  std::string const hash = PasswordEntry("s3cret");
+  std::string const hash = PasswordLink("s3cret");
   std::string sid;
   // Five failures counted by another process (another CGI request), five by this one.
   ASSERT_EQ(0, kovatest::InChild([] {
@@ -117,7 +117,7 @@ TEST_F(VisitorTest, BlockedAddressIsRefusedFirst) {
 
 // A known session id reuses session and token for a day more; an unknown or expired one not.
 TEST_F(VisitorTest, SessionIdAtALogin) {
-  std::string const hash = MakeEntry();
+  std::string const hash = MakeLink();
   std::string const user = UserEntry({"alice"});
   std::string first, sid, fresh;
   ASSERT_EQ(KOVA_LOGIN_OK, Login(first, user.c_str(), nullptr, "alice", "alice-secret"));
@@ -155,9 +155,9 @@ TEST_F(VisitorTest, SessionIdAtALogin) {
 }
 
 TEST_F(VisitorTest, AuthorizationCheckCodes) {
-  std::string const hash = MakeEntry();
+  std::string const hash = MakeLink();
   std::string const user = UserEntry({"alice", "bob"});
-  std::string const loose = MakeEntry([](Entry& e) { e.set_enable_match_ip(false); });
+  std::string const loose = MakeLink([](Entry& e) { e.set_enable_match_ip(false); });
   std::string sid, same;
   ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str()));
   ASSERT_EQ(KOVA_LOGIN_OK,
@@ -176,7 +176,7 @@ TEST_F(VisitorTest, AuthorizationCheckCodes) {
   EXPECT_EQ(0, FailCount(kAddr));
   EXPECT_EQ(KOVA_CHECK_INTERNAL, Check(hash.c_str(), nullptr));  // not -5
   EXPECT_EQ(KOVA_CHECK_NO_SESSION, Check(hash.c_str(), "no-such-session"));
-  EXPECT_EQ(KOVA_CHECK_NO_ACCESS, Check(MakeEntry().c_str(), sid.c_str()))
+  EXPECT_EQ(KOVA_CHECK_NO_ACCESS, Check(MakeLink().c_str(), sid.c_str()))
       << "no token for that link";
   // The session's address: canonical texts compared, a prefix is no match; a link without
   // matching is used from anywhere, the session's address kept.
@@ -199,8 +199,8 @@ TEST_F(VisitorTest, AuthorizationCheckCodes) {
 
 // Logout, use counting and the plain-linkage forms: their buffers, null texts and quiet flag.
 TEST_F(VisitorTest, LogoutUseCountAndPlainForms) {
-  std::string const a = PasswordEntry("pw");
-  std::string const b = MakeEntry([](Entry& e) { e.set_expire_times(1); });
+  std::string const a = PasswordLink("pw");
+  std::string const b = MakeLink([](Entry& e) { e.set_expire_times(1); });
   _tag_sharing_login_params params = {a.c_str(), "pw", nullptr, nullptr, nullptr};
   char buf[64];
   // At most the id's first size-1 bytes, and no terminator after a shorter id: only the last

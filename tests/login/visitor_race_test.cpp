@@ -72,7 +72,7 @@ TEST_F(VisitorTest, AdministratorChangesSurviveConcurrentLogins) {
     SCOPED_TRACE("round " + std::to_string(round));
     bool const disable = round % 2;
     ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(kAddr));
-    std::string const hash = PasswordEntry("old");
+    std::string const hash = PasswordLink("old");
     for (int status : Race(3, hash, "old", 900, [&] {
            usleep(300 * 1000);
            Entry entry = Load(hash);
@@ -91,7 +91,7 @@ TEST_F(VisitorTest, AdministratorChangesSurviveConcurrentLogins) {
 // Ten racing visitors: exactly the use limit gets in; plain counts go on past it.
 TEST_F(VisitorTest, UseLimitAdmitsExactlyItsNumber) {
   for (int limit : {1, 3, 1, 3}) {
-    std::string const hash = PasswordEntry("pw");  // checked outside the count: a wide race
+    std::string const hash = PasswordLink("pw");  // checked outside the count: a wide race
     Exec("UPDATE entry SET expire_times = " + std::to_string(limit));
     std::map<int, int> seen;
     for (int code : Race(10, hash, "pw", 0)) ++seen[code];
@@ -105,7 +105,7 @@ TEST_F(VisitorTest, UseLimitAdmitsExactlyItsNumber) {
 // Sixty wrong guesses from one address at once: ten are judged, every other one is blocked.
 TEST_F(VisitorTest, ParallelGuessesStopAtTheLimit) {
   std::map<int, int> seen;
-  for (int code : Race(60, PasswordEntry("pw"), "guess", 0)) ++seen[code];
+  for (int code : Race(60, PasswordLink("pw"), "guess", 0)) ++seen[code];
   EXPECT_EQ((std::map<int, int>{{8, 50}, {9, 10}}), seen);
 }
 
@@ -124,12 +124,12 @@ TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
   for (auto const& remove : removals) {
     SCOPED_TRACE("removal " + std::to_string(&remove - removals.data()));
     std::string sid;
-    std::string const first = MakeEntry();
+    std::string const first = MakeLink();
     ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, first.c_str()));
     Entry const gone = Load(first);
     remove(gone, sid);
     EXPECT_EQ(0, Rows("token"));
-    std::string const next = MakeEntry();
+    std::string const next = MakeLink();
     EXPECT_GT(Load(next).get_id(), gone.get_id());
     EXPECT_NE(KOVA_CHECK_OK, Check(next.c_str(), sid.c_str()));
     Exec("DELETE FROM entry");
@@ -139,7 +139,7 @@ TEST_F(VisitorTest, TokensEndWithTheirLinkOrSession) {
 // A failing read or a table without a column: the internal-failure code, nothing thrown.
 TEST_F(VisitorTest, BrokenTablesAreInternalFailures) {
   std::string sid;
-  std::string const hash = PasswordEntry("pw");
+  std::string const hash = PasswordLink("pw");
   ASSERT_EQ(KOVA_LOGIN_OK, Login(sid, hash.c_str(), "pw"));
   char const* const breakages[][2] = {
       {"entry", "SELECT * FROM entry_kept WHERE abs(-9223372036854775807 - 1)"},

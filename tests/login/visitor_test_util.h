@@ -4,7 +4,6 @@
 #define KOVA_TESTS_VISITOR_TEST_UTIL_H
 
 #include <gtest/gtest.h>
-#include <json/value.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -21,12 +20,9 @@
 #include "kova_autoblock.h"
 #include "kova_cgi.h"
 #include "kova_paths.h"
-#include "kovasharing/entry.h"
-#include "kovasharing/entry_db.h"
-#include "kovasharing/result.h"
-#include "kovasharing/sharing_db.h"
 #include "kovasharing/sharinglogin.h"
 #include "kovatest.h"
+#include "kovatest_sharing.h"
 
 namespace kovatest {
 
@@ -108,6 +104,9 @@ namespace visitortest {
 using KOVA::sharing::db::EntryDB;
 using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
+using kovatest::MakeLink;
+using kovatest::PasswordLink;
+using kovatest::Value;
 
 char const kAddr[] = "192.0.2.10";
 char const kOtherAddr[] = "192.0.2.20";
@@ -139,15 +138,6 @@ class VisitorTest : public ::testing::Test {
   void Exec(std::string const& sql) {
     ASSERT_TRUE(db().Execute(sql)) << sql << ": " << db().GetLastError();
   }
-  // The column v of the one row of `sql`, as text.
-  std::string Value(std::string const& sql) {
-    std::vector<std::string> values;
-    KOVA::sharing::db::Result result;
-    EXPECT_TRUE(db().Execute("SELECT * FROM (" + sql + ")", result)) << sql;
-    for (KOVA::sharing::db::Row row; result.NextRow(row);)
-      values.push_back(row.GetField("v").AsString("<null>"));
-    return values.size() == 1 ? values[0] : "<" + std::to_string(values.size()) + " rows>";
-  }
   long Number(std::string const& sql) {
     std::string const v = Value(sql);
     return v.empty() || v[0] == '<' ? -999999 : std::stol(v);
@@ -167,28 +157,9 @@ class VisitorTest : public ::testing::Test {
     return Value("SELECT integrity_check AS v FROM pragma_integrity_check");
   }
 
-  // A valid link of the owner alice, adjusted by `tune`, stored under a new hash.
-  std::string MakeEntry(std::function<void(Entry&)> const& tune = nullptr) {
-    Entry entry;
-    entry.set_project_name("visitor-test");
-    entry.set_owner_uid(1000);
-    Json::Value app(Json::objectValue);
-    app["path"] = "/share/photos";
-    entry.set_app(app);
-    if (tune) tune(entry);
-    EXPECT_TRUE(EntryDB(db()).CreateWithHash(entry));
-    return entry.get_hash();
-  }
-  std::string PasswordEntry(std::string const& password,
-                            Entry::PasswordEncryptAlgo algo = Entry::ENCRYPT_ALGO_DEFAULT) {
-    return MakeEntry([&](Entry& e) {
-      e.set_protect_type(Entry::PROTECT_PASSWORD);
-      e.set_protect_password(password, true, algo);
-    });
-  }
   std::string UserEntry(std::vector<std::string> const& users,
                         std::vector<std::string> const& groups = {}) {
-    return MakeEntry([&](Entry& e) {
+    return kovatest::MakeLink([&](Entry& e) {
       e.set_protect_type(Entry::PROTECT_USER);
       e.set_protect_users(users);
       e.set_protect_groups(groups);

@@ -3,15 +3,10 @@
 // accounts come from the test fixtures (alice is in "editors", bob is not).
 #include <gtest/gtest.h>
 #include <json/reader.h>
-#include <kova_autoblock.h>
 #include <kovasharing/kovasharing.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <functional>
-#include <map>
 #include <random>
 #include <regex>
 #include <sstream>
@@ -20,6 +15,7 @@
 
 #include "gate_client.h"
 #include "kovatest.h"
+#include "kovatest_sharing.h"
 
 namespace {
 
@@ -27,6 +23,8 @@ using KOVA::sharing::db::EntryDB;
 using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
 using kovatest::Env;
+using kovatest::MakeLink;
+using kovatest::PasswordLink;
 using kovatest::Response;
 using kovatest::Visitor;
 
@@ -41,44 +39,14 @@ class GateTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(SharingDB::Instance().IsGood());
-    // Earlier runs' failures count for ten minutes; the tests start without them.
-    std::vector<std::string> counted;
-    AutoBlockList(
-        [](char const* address, int, long long, void* out) {
-          static_cast<std::vector<std::string>*>(out)->push_back(address);
-        },
-        &counted);
-    for (auto const& address : counted) AutoBlockUnblock(address.c_str());
-  }
-
-  // A link of alice's with no protection and no redirect, as `tweak` changes it.
-  static std::string Make(std::function<void(Entry&)> const& tweak = nullptr) {
-    Json::Value app(Json::objectValue);
-    app["title"] = "Holiday pictures";
-    Entry entry;
-    entry.set_project_name("gate-test").set_app(app);
-    entry.set_owner_user("alice");
-    entry.set_protect_type(Entry::PROTECT_NONE).set_redirect_type(Entry::REDIRECT_NONE);
-    if (tweak) tweak(entry);
-    EXPECT_TRUE(EntryDB(SharingDB::Instance()).CreateWithHash(entry));
-    return entry.get_hash();
-  }
-  static std::string PasswordLink(std::string const& password = "open sesame") {
-    return Make([&](Entry& e) {
-      e.set_protect_type(Entry::PROTECT_PASSWORD);
-      e.set_protect_password(password, true, Entry::ENCRYPT_ALGO_DEFAULT);
-    });
+    kovatest::UnblockAll();
   }
   // The latest visit the gate recorded for the link: "address account", "" for none.
   static std::string LastVisit(std::string const& hash) {
-    KOVA::sharing::db::Result result;
-    KOVA::sharing::db::Row row;
-    std::string const sql =
+    return kovatest::Value(
         "SELECT ip || ' ' || account AS v FROM visit WHERE entry_id = (SELECT id FROM entry "
         "WHERE hash = '" +
-        hash + "') ORDER BY id DESC LIMIT 1";
-    if (!SharingDB::Instance().Execute(sql, result) || !result.NextRow(row)) return "";
-    return row.GetField("v").AsString("");
+        hash + "') ORDER BY id DESC LIMIT 1");
   }
 };
 
@@ -104,7 +72,7 @@ TEST_F(GateTest, PasswordLinkFromFormToContentAndOut) {
   Entry entry;
   ASSERT_TRUE(EntryDB(SharingDB::Instance()).GetByHash(expired, entry));
   ASSERT_TRUE(EntryDB(SharingDB::Instance()).Update(entry.set_expire_at(time(nullptr) - 5)));
-  std::string const used_up = Make([](Entry& e) { e.set_expire_times(1); });
+  std::string const used_up = MakeLink([](Entry& e) { e.set_expire_times(1); });
   ASSERT_EQ(303, Visitor{"192.0.2.12"}.Post(used_up, "").status);
   struct {
     std::string hash, query, body;
@@ -154,7 +122,7 @@ TEST_F(GateTest, PasswordLinkFromFormToContentAndOut) {
 // A session id planted in the victim's browser never becomes the victim's session: the login
 // starts a new one, and the planter's cookie opens nothing, even from the victim's address.
 TEST_F(GateTest, APlantedSessionOpensNothing) {
-  std::string const open = Make([](Entry& e) { e.set_enable_match_ip(true); });
+  std::string const open = MakeLink([](Entry& e) { e.set_enable_match_ip(true); });
   std::string const guarded = PasswordLink();
   Visitor planter{"192.0.2.70"}, victim{"192.0.2.71"};
   ASSERT_EQ(303, planter.Post(open, "").status);
@@ -170,7 +138,7 @@ TEST_F(GateTest, APlantedSessionOpensNothing) {
 }
 
 TEST_F(GateTest, AccountLinkForAGroupAndHostileInput) {
-  std::string const hash = Make([](Entry& e) {
+  std::string const hash = MakeLink([](Entry& e) {
     e.set_protect_type(Entry::PROTECT_USER);
     e.set_protect_groups({"editors"});
   });
@@ -193,7 +161,7 @@ TEST_F(GateTest, AccountLinkForAGroupAndHostileInput) {
   // The application's data is the owner's text, shown as text.
   Json::Value app(Json::objectValue);
   app["<i>key</i>"] = "<img src=x onerror=alert(1)>";
-  std::string const shown = Make([&app](Entry& e) { e.set_app(app); });
+  std::string const shown = MakeLink([&app](Entry& e) { e.set_app(app); });
   EXPECT_EQ(303, bob.Post(shown, "").status);
   r = bob.Get(shown);
   EXPECT_TRUE(r.Has("&lt;i&gt;key&lt;/i&gt;") && r.Has("&lt;img src=x") && !r.Has("<img"))
@@ -226,7 +194,7 @@ TEST_F(GateTest, LandingPagesAndRedirects) {
       {"", "{}", "Shared with you", 1, {"Uses left</dt><dd>0<", "Shared by alice."}},
   };
   for (auto const& c : pages) {
-    std::string const h = Make([&c](Entry& e) {
+    std::string const h = MakeLink([&c](Entry& e) {
       Json::Value app;
       std::istringstream in(c.app);
       EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &app, nullptr));
@@ -250,7 +218,7 @@ TEST_F(GateTest, LandingPagesAndRedirects) {
   };
   for (auto const& c : redirects) {
     std::string const h =
-        Make([&c](Entry& e) { e.set_redirect_type(c.type).set_redirect_uri(c.uri); });
+        MakeLink([&c](Entry& e) { e.set_redirect_type(c.type).set_redirect_uri(c.uri); });
     Response const r = enter(h, "Holiday pictures");
     EXPECT_EQ(c.location.empty() ? 200 : 303, r.status) << c.uri;
     EXPECT_EQ(c.location, r.Header("Location")) << c.uri;
@@ -303,7 +271,7 @@ TEST_F(GateTest, TrustedProxiesForwardTheVisitor) {
       {"192.0.2.77", "https://public.test", 403, "", ""},
   };
   for (auto const& c : cases) {
-    std::string const hash = Make();
+    std::string const hash = MakeLink();
     Visitor visitor{c.from, forwarded};
     Response const r = visitor.Post(hash, "", {{"HTTP_ORIGIN", c.origin}});
     EXPECT_EQ(c.status, r.status) << c.from << " " << c.origin;
@@ -323,8 +291,8 @@ TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
   Env through = proxy;
   through["HTTP_X_FORWARDED_FOR"] = address;
   std::string const hash = PasswordLink();
-  std::string const open = Make();
-  std::string const used_up = Make([](Entry& e) { e.set_expire_times(1); });
+  std::string const open = MakeLink();
+  std::string const used_up = MakeLink([](Entry& e) { e.set_expire_times(1); });
   ASSERT_EQ(303, Visitor{"192.0.2.12"}.Post(used_up, "").status);
   // Ten failures of three kinds, each but the last followed by a login to an open link, which
   // clears nothing: then even the right password is refused.
