@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The visitor gate in a real browser: lighttpd on 127.0.0.1 serves the gate of the build in $1
 # (its KOVA_ROOT, the demo's accounts), the system's chromium driven by playwright-core walks a
-# visitor through a password link and a group link, in English and German, with axe-core's
-# accessibility check on every page, and every page is saved under $1/browser-shots.
+# visitor through a password link and a group link, with axe-core's accessibility check on
+# every page, and every page is saved under $1/browser-shots.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 build=${1:?usage: 50-browser.sh BUILD_DIR}

@@ -1,7 +1,6 @@
 // Failing SQLite system calls, a write lock held past the busy timeout, a CGI process without
 // standard descriptors: failure results, identity restored, only whole rows.
 #include <fcntl.h>
-#include <signal.h>
 #include <sqlite3.h>
 
 #include <atomic>
@@ -66,19 +65,8 @@ char const kSummary[] =
 // Children that must open the database as a fresh process does are this program started again
 // with KOVA_FAULT_CHILD: "open:<suffix>" or "fstat" starts with that fault and calls every
 // visitor function; "cgi" starts without descriptors 0 to 2, logs in, writes junk to 1 and 2 and
-// checks; "hold" takes the write lock, says so on KOVA_FAULT_READY_FD and keeps it until killed.
-// The report goes into the file KOVA_FAULT_REPORT.
+// checks. The report goes into the file KOVA_FAULT_REPORT.
 int RunChild(std::string const& mode) {
-  if (mode == "hold") {
-    sqlite3* db = nullptr;
-    if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0 ||
-        sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
-        sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK ||
-        write(atoi(Env("KOVA_FAULT_READY_FD").c_str()), "L", 1) != 1) {
-      return 10;
-    }
-    for (;;) pause();
-  }
   std::string report, out;
   std::string const hash = Env("KOVA_FAULT_HASH"), sid = Env("KOVA_FAULT_SID");
   _tag_sharing_login_params const params = {hash.c_str(), nullptr, nullptr, nullptr, sid.c_str()};
@@ -112,40 +100,15 @@ int RunChild(std::string const& mode) {
 [[maybe_unused]] int const g_child =
     getenv("KOVA_FAULT_CHILD") ? (exit(RunChild(Env("KOVA_FAULT_CHILD"))), 0) : 0;
 
-// This program as a child in `mode`; `prepare` runs in the fork before the exec.
-pid_t StartChild(std::string const& mode, std::vector<std::string> const& env,
-                 std::function<void()> const& prepare = nullptr) {
-  pid_t const pid = fork();
-  if (pid != 0) return pid;
-  setenv("KOVA_FAULT_CHILD", mode.c_str(), 1);
-  for (auto const& kv : env) putenv(strdup(kv.c_str()));
-  if (prepare) prepare();
-  char const* argv[] = {"test_faults", "--gtest_filter=-*", nullptr};
-  execv("/proc/self/exe", const_cast<char**>(argv));
-  _exit(127);
-}
-int Wait(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// A process holding the database's write lock until it is killed.
+// Another connection holding the database's write lock until End() (closing rolls back).
 struct LockHolder {
   LockHolder() {
-    int ready[2];
-    if (pipe(ready) != 0) abort();
-    pid = StartChild("hold", {"KOVA_FAULT_READY_FD=" + std::to_string(ready[1])});
-    close(ready[1]);
-    char c = 0;
-    locked = read(ready[0], &c, 1) == 1 && c == 'L';
-    close(ready[0]);
+    locked = sqlite3_open_v2(KOVA_SHARING_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) == 0 &&
+             sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK;
   }
   ~LockHolder() { End(); }
-  void End() {
-    if (pid > 0) kill(pid, SIGKILL), Wait(std::exchange(pid, -1));
-  }
-  pid_t pid = -1;
+  void End() { sqlite3_close_v2(std::exchange(db, nullptr)); }
+  sqlite3* db = nullptr;
   bool locked = false;
 };
 
@@ -163,12 +126,19 @@ class Faults : public VisitorTest {
     EXPECT_EQ("ok", Integrity()) << what;
     EXPECT_EQ(before, Snapshot()) << what;
   }
+  // This program run again as a child in `mode` (`prepare` runs before the exec); its report.
   std::string Report(std::string const& mode, std::vector<std::string> env = {},
                      std::function<void()> const& prepare = nullptr) {
     kovatest::TempDir dir;
-    env.insert(env.begin(), {"KOVA_FAULT_REPORT=" + dir.File("report"), "KOVA_FAULT_HASH=" + hash_,
-                             "KOVA_FAULT_SID=" + sid_});
-    EXPECT_EQ(0, Wait(StartChild(mode, env, prepare))) << mode;
+    env.insert(env.begin(), {"KOVA_FAULT_CHILD=" + mode, "KOVA_FAULT_REPORT=" + dir.File("report"),
+                             "KOVA_FAULT_HASH=" + hash_, "KOVA_FAULT_SID=" + sid_});
+    EXPECT_EQ(0, kovatest::InChild([&] {
+                for (auto const& kv : env) putenv(strdup(kv.c_str()));
+                if (prepare) prepare();
+                char const* argv[] = {"test_faults", "--gtest_filter=-*", nullptr};
+                return execv("/proc/self/exe", const_cast<char**>(argv)) == 0 ? 0 : 127;
+              }))
+        << mode;
     return kovatest::ReadFile(dir.File("report"));
   }
   // {name, result when the database cannot be written, the call}; 1 is success.

@@ -14,12 +14,11 @@ struct LogLine {
   std::string text;  // fully formatted, "%m" expanded
 };
 
-// The lines sent to syslog since the last ClearLogs(), in order; their texts; whether some
-// contain `needle`, and how many.
+// The lines sent to syslog since the last ClearLogs(), in order; their texts; how many contain
+// `needle`.
 std::vector<LogLine> Logs();
 void ClearLogs();
 std::vector<std::string> LogTexts();
-bool LogContains(std::string const& needle);
 int LogCount(std::string const& needle);
 
 std::string Root();  // the appliance root of this build (KOVA_ROOT)

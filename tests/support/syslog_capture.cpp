@@ -78,8 +78,6 @@ std::vector<std::string> LogTexts() {
   return out;
 }
 
-bool LogContains(std::string const& needle) { return LogCount(needle) > 0; }
-
 int LogCount(std::string const& needle) {
   int n = 0;
   for (auto const& l : Logs()) n += l.text.find(needle) != std::string::npos;
