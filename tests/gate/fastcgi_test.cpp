@@ -1,7 +1,6 @@
 // The gate as a FastCGI server: the supervisor, its login helper and its workers as real
 // processes, driven through cgi-fcgi over the server's socket; and what that server
 // rests on: the web-request layer's per-request reset and the login helper's questions.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <kova_autoblock.h>
 #include <kova_cgi.h>
@@ -14,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -40,14 +41,9 @@ std::string StatusField(pid_t pid, std::string const& field) {
 }
 
 std::vector<pid_t> Children(pid_t parent) {
-  std::vector<pid_t> found;
-  DIR* dir = opendir("/proc");
-  while (struct dirent const* e = dir != nullptr ? readdir(dir) : nullptr) {
-    pid_t const pid = atoi(e->d_name);
-    if (pid > 0 && StatusField(pid, "PPid") == std::to_string(parent)) found.push_back(pid);
-  }
-  if (dir != nullptr) closedir(dir);
-  return found;
+  std::string const id = std::to_string(parent);
+  std::istringstream in(kovatest::ReadFile("/proc/" + id + "/task/" + id + "/children"));
+  return {std::istream_iterator<pid_t>(in), std::istream_iterator<pid_t>()};
 }
 
 // `kovasharing-gate --fastcgi` with its own socket, or with one made here and handed over as
@@ -86,12 +82,13 @@ class Server {
     if (listener >= 0) close(listener);
     EXPECT_TRUE(!wait || WaitForWorkers(workers)) << Err();
   }
-  ~Server() {
+  ~Server() {  // the server ends with its helper and workers gone
+    std::vector<pid_t> const children = Children(pid_);
     kill(pid_, SIGTERM);
     int status = 0;
     waitpid(pid_, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << Err();
-    EXPECT_TRUE(Children(pid_).empty());
+    for (pid_t const child : children) EXPECT_NE(0, kill(child, 0)) << child << " outlived it";
   }
   // The workers: the children that are not the login helper.
   std::vector<pid_t> Workers() const {

@@ -1,8 +1,6 @@
 // A visitor's browser for the gate's tests: sends each request as a web server hands it to the
-// gate (the CGI variables of the request, the visitor's headers, the body on standard input),
-// keeps the cookies the gate sets (dropping those it expires) and sends them back. A request
-// runs the gate as a CGI program, or, for a visitor of the FastCGI server, goes through
-// cgi-fcgi to the server's socket.
+// gate (CGI variables, the visitor's headers, the body on standard input) to the CGI program or
+// through cgi-fcgi to a FastCGI server, and keeps and sends back the cookies the gate sets.
 #ifndef KOVATEST_GATE_CLIENT_H
 #define KOVATEST_GATE_CLIENT_H
 

@@ -22,6 +22,7 @@
 #include "kova_paths.h"
 #include "kovasharing/sharinglogin.h"
 #include "kovatest.h"
+#include "kovatest_db.h"
 #include "kovatest_sharing.h"
 
 namespace kovatest {
@@ -145,13 +146,9 @@ class VisitorTest : public ::testing::Test {
   int Rows(char const* table) { return Number(std::string("SELECT COUNT(*) AS v FROM ") + table); }
   // Every row of the three tables, for checks that nothing changed.
   std::string Snapshot() {
-    return Value(
-        "SELECT group_concat(r, char(10)) AS v FROM (SELECT 'e' || id || '|' || hash || '|' || "
-        "project_name || '|' || enabled || '|' || owner_uid || '|' || start_at || '|' || "
-        "expire_at || '|' || expire_times || '|' || use_count || '|' || auto_gc || '|' || data "
-        "AS r FROM entry UNION ALL SELECT 's' || id || '|' || session_id || '|' || uid || '|' || "
-        "ip || '|' || timeout FROM session UNION ALL SELECT 't' || id || '|' || entry_id || '|' "
-        "|| session_id || '|' || timeout FROM token ORDER BY 1)");
+    return kovatest::Sql(KOVA_SHARING_DB_FILE,
+                         "SELECT * FROM entry ORDER BY id; SELECT * FROM "
+                         "session ORDER BY id; SELECT * FROM token ORDER BY id");
   }
   std::string Integrity() {
     return Value("SELECT integrity_check AS v FROM pragma_integrity_check");
