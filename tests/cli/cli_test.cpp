@@ -18,7 +18,6 @@
 
 namespace {
 
-using KOVA::sharing::db::SharingDB;
 using Strings = std::vector<std::string>;
 
 using kovatest::Outcome;
@@ -60,18 +59,8 @@ void ExpectFields(Json::Value const& json, Fields const& fields) {
   for (auto const& f : fields) EXPECT_EQ(f[3], json[f[2]].asString()) << f[2];
 }
 
-class CliTest : public ::testing::Test {
+class CliTest : public kovatest::SharingTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(db().IsGood());
-    for (char const* table : {"token", "session", "entry", "visit"})
-      ASSERT_TRUE(db().Execute(std::string("DELETE FROM ") + table));
-  }
-  static SharingDB& db() { return SharingDB::Instance(); }
-
-  static int Rows(char const* table) {
-    return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
-  }
   static void AgeToken(std::string const& sid) {
     ASSERT_TRUE(
         db().Execute("UPDATE token SET timeout = 1 WHERE session_id = (SELECT id FROM "

@@ -24,7 +24,6 @@
 
 namespace {
 
-using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
 using kovatest::Env;
 using kovatest::Response;
@@ -120,12 +119,11 @@ class Server {
   pid_t pid_ = -1;
 };
 
-class FastCgiTest : public ::testing::Test {
+class FastCgiTest : public kovatest::SharingTest {
  protected:
   void SetUp() override {
     ASSERT_TRUE(kovatest::RealRoot()) << "the server starts as root";
-    ASSERT_TRUE(SharingDB::Instance().IsGood());
-    AutoBlockUnblock("192.0.2.30");
+    SharingTest::SetUp();
   }
 };
 

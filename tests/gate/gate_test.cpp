@@ -20,7 +20,6 @@
 namespace {
 
 using KOVA::sharing::db::EntryDB;
-using KOVA::sharing::db::SharingDB;
 using KOVA::sharing::record::Entry;
 using kovatest::Env;
 using kovatest::MakeLink;
@@ -35,12 +34,8 @@ std::string Without(std::string text, std::string const& hash) {
   return text;
 }
 
-class GateTest : public ::testing::Test {
+class GateTest : public kovatest::SharingTest {
  protected:
-  void SetUp() override {
-    ASSERT_TRUE(SharingDB::Instance().IsGood());
-    kovatest::UnblockAll();
-  }
   // The latest visit the gate recorded for the link: "address account", "" for none.
   static std::string LastVisit(std::string const& hash) {
     return kovatest::Value(
@@ -70,8 +65,8 @@ TEST_F(GateTest, PasswordLinkFromFormToContentAndOut) {
   EXPECT_NE(std::string::npos, wrong.Focused().find("role=\"alert\"")) << wrong.body;
   std::string const expired = PasswordLink();
   Entry entry;
-  ASSERT_TRUE(EntryDB(SharingDB::Instance()).GetByHash(expired, entry));
-  ASSERT_TRUE(EntryDB(SharingDB::Instance()).Update(entry.set_expire_at(time(nullptr) - 5)));
+  ASSERT_TRUE(EntryDB(db()).GetByHash(expired, entry));
+  ASSERT_TRUE(EntryDB(db()).Update(entry.set_expire_at(time(nullptr) - 5)));
   std::string const used_up = MakeLink([](Entry& e) { e.set_expire_times(1); });
   ASSERT_EQ(303, Visitor{"192.0.2.12"}.Post(used_up, "").status);
   struct {
@@ -329,8 +324,8 @@ TEST_F(GateTest, EveryOtherAnswerHasItsPage) {
   plain.address = "192.0.2.60";
   // A link switched off after the visitor came in.
   Entry stored;
-  ASSERT_TRUE(EntryDB(SharingDB::Instance()).GetByHash(open, stored));
-  ASSERT_TRUE(EntryDB(SharingDB::Instance()).Update(stored.set_enabled(false)));
+  ASSERT_TRUE(EntryDB(db()).GetByHash(open, stored));
+  ASSERT_TRUE(EntryDB(db()).Update(stored.set_enabled(false)));
   r = plain.Get(open);
   EXPECT_TRUE(r.status == 410 && r.Has("no longer valid"));
 }

@@ -113,19 +113,14 @@ char const kAddr[] = "192.0.2.10";
 char const kOtherAddr[] = "192.0.2.20";
 long const kDay = 86400;
 
-class VisitorTest : public ::testing::Test {
+class VisitorTest : public kovatest::SharingTest {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(db().IsGood());
-    Exec("DELETE FROM token");
-    Exec("DELETE FROM session");
-    Exec("DELETE FROM entry");
-    for (char const* addr : {kAddr, kOtherAddr}) ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(addr));
+    SharingTest::SetUp();
     request_.reset(new kovatest::CgiRequest(kAddr));
     kovatest::ClearLogs();
   }
 
-  static SharingDB& db() { return SharingDB::Instance(); }
   // How many lines "sharinglogin:<line> <tail>" were logged at error priority.
   static int Logged(std::string const& tail) {
     std::regex const line("^sharinglogin:[0-9]+ " + tail + "$");
@@ -143,7 +138,6 @@ class VisitorTest : public ::testing::Test {
     std::string const v = Value(sql);
     return v.empty() || v[0] == '<' ? -999999 : std::stol(v);
   }
-  int Rows(char const* table) { return Number(std::string("SELECT COUNT(*) AS v FROM ") + table); }
   // Every row of the three tables, for checks that nothing changed.
   std::string Snapshot() {
     return kovatest::Sql(KOVA_SHARING_DB_FILE,

@@ -60,6 +60,22 @@ inline void UnblockAll() {
   for (auto const& address : counted) AutoBlockUnblock(address.c_str());
 }
 
+// The fixture of the tests on this database: each starts without links, sessions, tokens,
+// visits or counted failed logins.
+class SharingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(db().IsGood());
+    for (char const* table : {"token", "session", "entry", "visit"})
+      ASSERT_TRUE(db().Execute(std::string("DELETE FROM ") + table));
+    UnblockAll();
+  }
+  static KOVA::sharing::db::SharingDB& db() { return KOVA::sharing::db::SharingDB::Instance(); }
+  static int Rows(char const* table) {
+    return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
+  }
+};
+
 }  // namespace kovatest
 
 #endif
