@@ -1,6 +1,7 @@
 // Failed-login blocking over its shared store: the window, /64 prefixes, resets, the file.
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <string>
 
 #include "visitor_test_util.h"
@@ -62,7 +63,7 @@ TEST(AutoBlockTest, StoreOwnershipAndABrokenStore) {
   EXPECT_EQ(0, kovatest::AutoBlockSql("SELECT journal_mode != 'wal' FROM pragma_journal_mode"));
   // The store's file name is taken by a directory: nothing can open it, and visitors pass.
   ASSERT_EQ(0, rename(dir.c_str(), (dir + ".aside").c_str()));
-  ASSERT_EQ(0, kovatest::Shell("mkdir -p '" + file + "'"));
+  ASSERT_TRUE(std::filesystem::create_directories(file));
   kovatest::ClearLogs();
   EXPECT_EQ(0, KovaCgiIsDeniedIP("198.51.100.50"));
   EXPECT_EQ(1, kovatest::LogCount("failed-login store unavailable, 198.51.100.50 let through"));

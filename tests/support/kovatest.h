@@ -39,7 +39,6 @@ class TempDir {
   std::string path_;
 };
 
-int Shell(std::string const& command);          // for set-up only; the exit status
 std::string ReadFile(std::string const& path);  // empty when it cannot be read
 void WriteFile(std::string const& path, std::string const& text);
 void RemoveTree(std::string const& path);  // under /tmp only

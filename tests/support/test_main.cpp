@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include "kova_paths.h"
@@ -39,7 +40,8 @@ void PrepareRoot() {
     exit(2);
   }
   std::string const dir = root + "/usr/kova/etc/private/session/sharing";
-  kovatest::Shell("mkdir -p '" + dir + "'" + (geteuid() == 0 ? " && chown 1:1 '" + dir + "'" : ""));
+  std::filesystem::create_directories(dir);
+  if (geteuid() == 0 && chown(dir.c_str(), 1, 1) != 0) perror(dir.c_str());
   chmod(dir.c_str(), 0770);
 }
 
