@@ -116,7 +116,7 @@ TEST_F(StoreTest, GenericOperationsReachTheirOwnTableAndCheckpoint) {
 }
 
 // Hashes grow a character every third attempt from 9, session ids keep 32; 51 attempts in all.
-TEST_F(StoreTest, RandomKeysAreUniqueAndRetriedFiftyOneTimes) {
+TEST_F(StoreTest, RandomKeysFromTheirPoolRetriedFiftyOneTimes) {
   struct Case {
     std::string table, column, pool;
     std::function<size_t(size_t)> length;  // of the key at an attempt counted from 0
@@ -138,15 +138,7 @@ TEST_F(StoreTest, RandomKeysAreUniqueAndRetriedFiftyOneTimes) {
   };
   for (Case const& c : cases) {
     std::string key;
-    Texts keys;
-    for (int i = 0; i < 200; ++i) {
-      ASSERT_TRUE(c.create(key));
-      EXPECT_TRUE(key.size() == c.length(0) && key.find_first_not_of(c.pool) == std::string::npos);
-      keys.insert(key);
-    }
-    EXPECT_EQ(200u, keys.size());
-    EXPECT_EQ(keys, Set(c.table, c.column));
-    for (int failures : {1000, 4}) {
+    for (int failures : {0, 1000, 4}) {
       // Every key offered goes into table "attempt"; the first `failures` inserts are refused
       // (RAISE(FAIL), unlike ABORT, keeps what the trigger wrote).
       Exec("DROP TRIGGER IF EXISTS refuse;DROP TABLE IF EXISTS attempt;DELETE FROM " + c.table +
@@ -162,6 +154,7 @@ TEST_F(StoreTest, RandomKeysAreUniqueAndRetriedFiftyOneTimes) {
       }
       EXPECT_EQ(lengths, kovatest::Sql(path_, "SELECT group_concat(length(v)) FROM attempt"));
       EXPECT_EQ(key, kovatest::Sql(path_, "SELECT v FROM attempt ORDER BY n DESC LIMIT 1"));
+      EXPECT_EQ(std::string::npos, key.find_first_not_of(c.pool)) << key;
       EXPECT_EQ(failures < 51 ? Texts{key} : Texts{}, Set(c.table, c.column)) << c.table;
     }
   }
