@@ -4,7 +4,6 @@
 #define KOVA_TESTS_VISITOR_TEST_UTIL_H
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -40,13 +39,11 @@ class CgiRequest {
     close(saved_stdin_);
     Clear();
   }
-  void Set(char const* name, std::string const& value) { setenv(name, value.c_str(), 1); }
-  void Unset(char const* name) { unsetenv(name); }
   // A form of `body` (fits a pipe's buffer), announced as `declared` bytes.
   void Post(std::string const& body, long declared) {
-    Set("REQUEST_METHOD", "POST");
-    Set("CONTENT_TYPE", "application/x-www-form-urlencoded");
-    Set("CONTENT_LENGTH", std::to_string(declared));
+    setenv("REQUEST_METHOD", "POST", 1);
+    setenv("CONTENT_TYPE", "application/x-www-form-urlencoded", 1);
+    setenv("CONTENT_LENGTH", std::to_string(declared).c_str(), 1);
     int fds[2];
     if (pipe(fds) != 0 || write(fds[1], body.data(), body.size()) != ssize_t(body.size())) abort();
     close(fds[1]);
@@ -73,22 +70,13 @@ inline int InChild(std::function<int()> const& work) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// One statement on the failed-login store, run as the system account in a child; a query
-// gives the first column of its first row (below 100).
+// SQL on the failed-login store, run as the system account in a child: the number in its
+// result (0 for none), or 100 and more when it fails.
 inline int AutoBlockSql(std::string const& sql) {
   return InChild([&sql] {
     if (setresgid(1, 1, 1) != 0 || setresuid(1, 1, 1) != 0) return 100;
-    sqlite3* db = nullptr;
-    if (sqlite3_open_v2(KOVA_AUTOBLOCK_DB_FILE, &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK)
-      return 101;
-    sqlite3_busy_timeout(db, 5000);
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) return 102;
-    int const rc = sqlite3_step(stmt);
-    int const result = rc == SQLITE_ROW ? sqlite3_column_int(stmt, 0) : rc == SQLITE_DONE ? 0 : 103;
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return result;
+    int const value = atoi(Sql(KOVA_AUTOBLOCK_DB_FILE, sql).c_str());
+    return ::testing::Test::HasFailure() ? 101 : value;
   });
 }
 
