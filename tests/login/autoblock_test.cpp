@@ -11,9 +11,7 @@ TEST(AutoBlockTest, WindowPrefixesAndResets) {
   auto const fail = [](char const* addr, int times, char const* service = "SHARING") {
     for (int i = 0; i < times; ++i) ASSERT_EQ(0, AutoBlockFailLoginSet(addr, service)) << addr;
   };
-  for (char const* addr :
-       {ip, "198.51.100.20", "2001:db8:1:2::1", "2001:db8:1:3::1", "198.51.100.30"})
-    ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(addr));
+  kovatest::UnblockAll();
   // The sharing logins' reset leaves other services' failures; lifting the block clears all.
   fail(ip, 10, "WEBUI");
   ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(ip));
@@ -46,8 +44,6 @@ TEST(AutoBlockTest, WindowPrefixesAndResets) {
   fail("::ffff:198.51.100.30", 5);
   fail("198.51.100.30", 5);
   EXPECT_EQ(1, KovaCgiIsDeniedIP("198.51.100.30"));
-  for (char const* addr : {"198.51.100.20", "198.51.100.30"})
-    ASSERT_EQ(0, KOVAAutoBlockFailLoginReset(addr));
 }
 
 TEST(AutoBlockTest, StoreOwnershipAndABrokenStore) {
@@ -70,5 +66,4 @@ TEST(AutoBlockTest, StoreOwnershipAndABrokenStore) {
   EXPECT_EQ(-1, AutoBlockFailLoginSet("198.51.100.50", "SHARING"));
   kovatest::RemoveTree(dir);
   ASSERT_EQ(0, rename((dir + ".aside").c_str(), dir.c_str()));
-  ASSERT_EQ(0, KOVAAutoBlockFailLoginReset("198.51.100.50"));
 }

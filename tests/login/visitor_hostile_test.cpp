@@ -54,14 +54,14 @@ TEST_F(VisitorTest, HostileFieldsAndRequestsGetTheirCodes) {
   // cannot run (-3, counted; the check -2), while a link without account protection never
   // reads the request.
   for (long declared : {static_cast<long>(KOVA_CGI_MAX_BODY) + 1, 4096L}) {
-    request().Post("_sid=x", declared);
+    request_.Post("_sid=x", declared);
     EXPECT_EQ(KOVA_LOGIN_NO_LINK, Login(out, user.c_str(), nullptr, "alice", "alice-secret"));
     EXPECT_EQ(KOVA_CHECK_ACCOUNT_REFUSED, Check(user.c_str(), live.c_str()));
     EXPECT_EQ(KOVA_LOGIN_OK,
               Login(out, open.c_str(), nullptr, nullptr, nullptr, live.c_str(), true));
   }
   EXPECT_EQ(2, kovatest::FailCount(kAddr));
-  request().Post("_sid=fine", 9);
+  request_.Post("_sid=fine", 9);
   EXPECT_EQ(KOVA_CHECK_OK, Check(user.c_str(), live.c_str()));
   // A junk session id at a login is ignored: a new session, the junk never stored.
   EXPECT_EQ(KOVA_LOGIN_OK, Login(out, open.c_str(), nullptr, nullptr, nullptr, "' OR '1'='1"));

@@ -11,7 +11,6 @@
 
 #include <ctime>
 #include <functional>
-#include <memory>
 #include <regex>
 #include <string>
 #include <vector>
@@ -105,7 +104,6 @@ class VisitorTest : public kovatest::SharingTest {
  protected:
   void SetUp() override {
     SharingTest::SetUp();
-    request_.reset(new kovatest::CgiRequest(kAddr));
     kovatest::ClearLogs();
   }
 
@@ -117,7 +115,6 @@ class VisitorTest : public kovatest::SharingTest {
       n += std::regex_match(log.text, line) && (log.priority & 7) == LOG_ERR;
     return n;
   }
-  kovatest::CgiRequest& request() { return *request_; }
 
   void Exec(std::string const& sql) {
     ASSERT_TRUE(db().Execute(sql)) << sql << ": " << db().GetLastError();
@@ -176,7 +173,7 @@ class VisitorTest : public kovatest::SharingTest {
     EXPECT_GE(timeout, now + kDay - 5);
   }
 
-  std::unique_ptr<kovatest::CgiRequest> request_;
+  kovatest::CgiRequest request_{kAddr};
 };
 
 }  // namespace visitortest

@@ -150,7 +150,6 @@ TEST(EntryRules, ValidityAtItsBoundaries) {
   EXPECT_EQ(0, used.set_expire_times(5).get_use_count());
   EXPECT_EQ(2, used.inc_use_count().inc_use_count().set_expire_times(6).get_use_count());
   EXPECT_FALSE(Entry(base).set_enabled(false).IsValid());
-  kovatest::ClearLogs();
 }
 
 TEST(EntryPassword, BothAlgorithms) {
@@ -186,7 +185,6 @@ TEST(EntryPassword, BothAlgorithms) {
   EXPECT_FALSE(e.IsLegal());
   e.set_protect_password("y", true, Entry::ENCRYPT_ALGO_MD5);
   EXPECT_TRUE(e.IsLegal());
-  kovatest::ClearLogs();
 }
 
 TEST(EntryProtection, OwnerUsersAndGroupsByName) {
@@ -230,7 +228,6 @@ std::string Check(char const* table, std::vector<int> const& lines,
   EXPECT_TRUE(base.db.GetLastInsertId(id));
   std::string out = std::to_string(store.GetById(id, raw.GetObject()));
   for (std::string const& field : Fields(raw)) out += " " + field;
-  kovatest::ClearLogs();
   return out;
 }
 

@@ -158,7 +158,6 @@ TEST_F(StoreTest, RandomKeysFromTheirPoolRetriedFiftyOneTimes) {
       EXPECT_EQ(failures < 51 ? Texts{key} : Texts{}, Set(c.table, c.column)) << c.table;
     }
   }
-  kovatest::ClearLogs();
 }
 
 TEST_F(StoreTest, LookupsEscapeTheirKeysAndReadExpiredRows) {
@@ -190,7 +189,6 @@ TEST_F(StoreTest, LookupsEscapeTheirKeysAndReadExpiredRows) {
   Token token;
   token.set_entry_id(plain.get_id());
   ASSERT_TRUE(entries_.GetByToken(token, found) && found.get_hash() == "x");
-  kovatest::ClearLogs();
 }
 
 // A use is counted only while the entry is as the login read it and under its limit.
