@@ -119,10 +119,6 @@ class VisitorTest : public kovatest::SharingTest {
   void Exec(std::string const& sql) {
     ASSERT_TRUE(db().Execute(sql)) << sql << ": " << db().GetLastError();
   }
-  long Number(std::string const& sql) {
-    std::string const v = Value(sql);
-    return v.empty() || v[0] == '<' ? -999999 : std::stol(v);
-  }
   // Every row of the three tables, for checks that nothing changed.
   std::string Snapshot() {
     return kovatest::Sql(KOVA_SHARING_DB_FILE,

@@ -71,8 +71,13 @@ class SharingTest : public ::testing::Test {
     UnblockAll();
   }
   static KOVA::sharing::db::SharingDB& db() { return KOVA::sharing::db::SharingDB::Instance(); }
+  // The number in the one row of `sql` (column v); -999999 when there is none.
+  static long Number(std::string const& sql) {
+    std::string const v = Value(sql);
+    return v.empty() || v[0] == '<' ? -999999 : std::stol(v);
+  }
   static int Rows(char const* table) {
-    return std::stoi(Value(std::string("SELECT COUNT(*) AS v FROM ") + table));
+    return static_cast<int>(Number(std::string("SELECT COUNT(*) AS v FROM ") + table));
   }
 };
 
